@@ -1,0 +1,164 @@
+// host.h -- control API of the simulated host: what tests and the host
+// program use to drive and inspect the host (modules, clock, faults, log,
+// heaps).  The topology (portsets, ports, events, devices, user processes)
+// is in fabric.h.
+//
+// There is one host per process.  Every call here is thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hyk/hyk.h"
+
+namespace hyksim {
+
+// ---- the host as a whole -----------------------------------------------------
+
+struct HostOptions {
+   bool virtualClock = true;         // false: the real monotonic clock
+   bool sleepAdvancesClock = true;   // virtual clock: hyk_WorldSleep moves time itself
+   std::string logFile;              // "" = keep the log in memory only
+   uint64_t counterFrequency = 1000000000ull;  // ticks per second of the monotonic counter
+};
+
+// Starts (or restarts) the host: every object of an earlier host is dropped,
+// loaded modules are unloaded (cleanup_module is called) first.
+void HostStart(const HostOptions &options = {});
+// Unloads every module, flushes the log and stops host threads.
+void HostStop();
+
+// ---- modules ------------------------------------------------------------------
+
+struct ModuleInfoView {
+   hyk_ModuleID id;
+   std::string name;
+   std::string path;        // "" for an in-process module
+   uint32_t useCount;
+   std::vector<std::pair<std::string, std::string>> info;   // information records
+};
+
+// Loads a module file: checks its information records (required namespaces
+// must be ones this host provides), applies "name=value" parameters, pushes
+// its ID and calls init_module.  `name` "" derives the name from the file
+// (basename without a "lib" prefix and the ".so" suffix).
+// Returns HYK_OK and *id; HYK_NOT_FOUND (no file); HYK_EXEC_FORMAT (not a
+// module, or no init_module); HYK_VERSION_MISMATCH; HYK_BAD_PARAM (unknown
+// parameter or bad value); HYK_EXISTS (a module of that name is loaded);
+// HYK_FAILURE when init_module returned non-zero (the object is closed again).
+// *error, when given, receives a sentence saying why.
+hyk_Status LoadModule(const std::string &path, const std::vector<std::string> &params,
+                      hyk_ModuleID *id, std::string *error = nullptr,
+                      const std::string &name = "");
+
+// An in-process module: callbacks in the calling program play the module's
+// entry points.  Loaded and unloaded like a file module.
+struct InProcessModule {
+   std::string name;
+   std::function<int()> init;          // may be empty: success
+   std::function<void()> cleanup;      // may be empty
+   std::vector<std::pair<std::string, std::string>> info;  // e.g. {"switchClass", "cswitch"}
+};
+hyk_Status LoadInProcessModule(const InProcessModule &module, hyk_ModuleID *id);
+
+// Unloads: refused with HYK_BUSY while the module's use count is not 0,
+// HYK_NOT_FOUND for an unknown module.  Otherwise calls cleanup_module with
+// the module pushed, flushes the log, reports in the host log what the module
+// left behind (heaps, log components, timer queues, lock domains, devices,
+// subscriptions, worlds), drops it, and closes the object.
+hyk_Status UnloadModule(const std::string &name);
+hyk_Status UnloadModule(hyk_ModuleID id);
+
+std::vector<ModuleInfoView> Modules();
+std::optional<ModuleInfoView> FindModule(const std::string &name);
+
+// ---- clock ---------------------------------------------------------------------
+
+uint64_t NowUS();
+// Virtual clock: moves time forward by `us`, firing every timer that falls
+// due on its queue's thread in deadline order, and waits for those callbacks
+// to return.  Real clock: sleeps.
+void AdvanceClock(uint64_t us);
+
+// ---- fault injection ---------------------------------------------------------
+
+struct FaultSpec {
+   std::string op;               // a hyk_ operation name, e.g. "hyk_HeapCreate"
+   hyk_Status status = HYK_FAILURE;
+   uint64_t nth = 0;             // fail only the nth call (1-based) counted from injection; 0 = see below
+   bool every = false;           // fail every call
+   double probability = 0.0;     // fail with this probability ...
+   uint64_t seed = 1;            // ... drawn from this seed
+   uint64_t count = 0;           // with every/probability: at most this many failures (0 = unlimited)
+};
+void InjectFault(const FaultSpec &spec);
+void ClearFaults();
+// Number of faults injected so far (all operations, or one).
+uint64_t InjectedFaultCount(const std::string &op = "");
+// Number of calls made to an operation since host start.
+uint64_t CallCount(const std::string &op);
+
+// Host-call trace: every fallible hyk_ call, in order, as "op" strings.
+void TraceEnable(bool on);
+std::vector<std::string> Trace();
+
+// ---- log ------------------------------------------------------------------------
+
+struct LogLine {
+   uint64_t seq;
+   uint64_t timeUS;
+   std::string component;   // "" for the plain printers, "hyk" for the host's own
+   int32_t level;           // -1 for the plain printers and the host's own
+   bool warning;            // _hyk_WarningMessage
+   std::string text;        // formatted, trailing newline removed
+};
+
+// Waits until every queued line is formatted, then returns a copy.
+std::vector<LogLine> LogLines();
+// Number of lines whose text contains `needle`.
+size_t LogCount(const std::string &needle);
+bool LogContains(const std::string &needle);
+void LogClear();
+// The whole log as text, one line each.
+std::string LogText();
+
+// Log components.
+struct LogComponentView {
+   std::string name;
+   int32_t level;
+   uint32_t throttle;
+   hyk_ModuleID owner;
+};
+std::vector<LogComponentView> LogComponents();
+
+// ---- heaps -----------------------------------------------------------------------
+
+struct HeapView {
+   hyk_HeapID id;
+   std::string name;
+   hyk_ModuleID owner;
+   uint64_t initialSize, maxSize;
+   uint64_t bytesInUse, liveAllocations, peakBytes, failedAllocations;
+};
+std::vector<HeapView> Heaps();
+std::optional<HeapView> FindHeap(const std::string &name);
+// Heap reports written when a heap was destroyed with live allocations.
+struct LeakReport {
+   std::string heap;
+   uint64_t bytes, allocations;
+};
+std::vector<LeakReport> LeakReports();
+
+// ---- other host objects (for tests of cleanup) ---------------------------------
+
+struct HostCounts {
+   size_t heaps, logComponents, timerQueues, pendingTimers, lockDomains, spinlocks, worlds;
+};
+HostCounts Counts();
+
+// Panics: by default a panic aborts the process (use death tests).
+}  // namespace hyksim

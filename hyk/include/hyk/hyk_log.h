@@ -15,7 +15,10 @@ HYK_EXTERN_C_BEGIN
 
 /* Throttle kinds of a log component. */
 #define HYK_LOG_THROTTLE_NONE 0
-#define HYK_LOG_THROTTLE_COUNT 1 /* after a burst of lines in one second, keep 1 in 10 */
+/* Count throttle: within one second of host time the first 100 lines pass,
+ * after that one line in 10; when the next second begins the host logs how
+ * many lines the component dropped in the last one. */
+#define HYK_LOG_THROTTLE_COUNT 1
 
 /* Urgency passed to hyk_LogLevel. */
 #define HYK_LOG_URGENCY_NORMAL 1

@@ -82,7 +82,10 @@ typedef struct hyk_ParamRecord {
    __attribute__((used, section("hyk_modparam"), aligned(8)))                      \
    static const hyk_ParamRecord HYK_CAT(hyk_modparam_, var) = {#var, ptype, sizeof(var), desc}
 
-/* Storage class of a parameter variable: visible to the loader by name. */
+/* Storage class of a parameter variable: visible to the loader by name.  In
+ * C++ a parameter defined with an initialiser is better written inside
+ * HYK_EXTERN_C_BEGIN/END with __attribute__((visibility("default"))), since
+ * `extern "C" int x = 1;` draws a warning for the initialised extern. */
 #ifdef __cplusplus
 #define HYK_PARAM_VAR extern "C" __attribute__((visibility("default")))
 #else

@@ -49,12 +49,19 @@ hyk_Status hyk_NetEventUnregister(const char *name);
  * network event `name` (portset and global posts alike).
  *   flags: 0.  handle: out.
  * Returns HYK_OK; HYK_BAD_PARAM; HYK_NAME_TOO_LONG.
- * Context: a thread that may block; not from inside a delivery.
+ * Context: a thread that may block.  Allowed inside a delivery: the new
+ * subscription receives later posts, not the one being delivered.
  */
 hyk_Status hyk_NetEventPortsetEventSubscribe(uint32_t flags, const char *name, hyk_NetEventCallback cb,
                                              void *cbData, hyk_NetEventHandle *handle);
 
-/* Returns HYK_OK or HYK_INVALID_HANDLE. */
+/*
+ * hyk_NetEventPortsetEventUnsubscribe -- ends a subscription.  When it
+ * returns, the handler is not running on any other thread and is never
+ * called again; a handler may unsubscribe itself.
+ * Returns HYK_OK or HYK_INVALID_HANDLE (also for a port-event handle).
+ * Context: a thread that may block.
+ */
 hyk_Status hyk_NetEventPortsetEventUnsubscribe(hyk_NetEventHandle handle);
 
 /*
@@ -66,7 +73,7 @@ hyk_Status hyk_NetEventPortsetEventUnsubscribe(hyk_NetEventHandle handle);
 hyk_Status hyk_NetEventPortEventSubscribe(uint32_t flags, const char *name, hyk_PortEventCallback cb,
                                           void *cbData, hyk_NetEventHandle *handle);
 
-/* Returns HYK_OK or HYK_INVALID_HANDLE. */
+/* The same for a port-event subscription. */
 hyk_Status hyk_NetEventPortEventUnsubscribe(hyk_NetEventHandle handle);
 
 /*
@@ -75,12 +82,15 @@ hyk_Status hyk_NetEventPortEventUnsubscribe(hyk_NetEventHandle handle);
  *   flags: 0.  payload, len: handed to each subscriber as it stands.
  * Returns HYK_OK (also with no subscriber); HYK_BAD_PARAM; the first failing
  * subscriber's status.
- * Context: a thread that may block; no spinlock held.
+ * Context: any thread.  The post itself never sleeps; the handlers run on the
+ * posting thread with whatever the poster holds (a handler that sleeps under
+ * a poster's spinlock is caught where it sleeps).
  */
 hyk_Status hyk_NetEventPost(uint32_t flags, const char *name, void *payload, uint32_t len);
 
 /*
- * hyk_NetEventPortsetEventPost -- the same, on an acquired portset `ps`.
+ * hyk_NetEventPortsetEventPost -- the same, on an acquired portset `ps`
+ * (HYK_BAD_PARAM when `ps` is not a portset the host handed out).
  */
 hyk_Status hyk_NetEventPortsetEventPost(uint32_t flags, const char *name, hyk_Portset *ps,
                                         void *payload, uint32_t len);

@@ -50,7 +50,13 @@ HYK_EXTERN_C_BEGIN
 hyk_Status hyk_PortsetAcquireByName(const char *name, uint32_t mode, hyk_Portset **ps);
 hyk_Status hyk_PortsetAcquireByPortID(hyk_PortID portID, uint32_t mode, hyk_Portset **ps);
 
-/* hyk_PortsetRelease -- releases an acquired portset and sets *ps to NULL. */
+/*
+ * hyk_PortsetRelease -- releases an acquired portset and sets *ps to NULL.
+ * Releasing a portset that is not held (NULL, released already) panics.
+ * Exclusive access is not reentrant: a thread that acquires a portset it
+ * holds exclusively (or exclusively one it holds for reading) would wait for
+ * itself forever; the host panics instead.
+ */
 void hyk_PortsetRelease(hyk_Portset **ps);
 
 /* hyk_PortsetName -- the name of an acquired portset (valid while acquired). */
@@ -61,8 +67,10 @@ typedef hyk_Status (*hyk_PortVisitor)(hyk_Portset *ps, hyk_PortID portID, void *
 
 /*
  * hyk_PortsetForAllPorts -- calls `visitor` for each port of an acquired
- * portset, in port-ID order.  The walk stops at the first non-zero status,
- * which it returns.  Returns HYK_OK after a full walk; HYK_BAD_PARAM.
+ * portset, in port-ID order, on the calling thread.  The walk stops at the
+ * first non-zero status, which it returns.  A port removed during the walk
+ * is not visited.  Returns HYK_OK after a full walk; HYK_BAD_PARAM.
+ * Context: any thread holding the portset; the walk itself never sleeps.
  */
 hyk_Status hyk_PortsetForAllPorts(hyk_Portset *ps, hyk_PortVisitor visitor, void *data);
 

@@ -40,7 +40,11 @@ hyk_Status RemovePortset(const std::string &name);
 hyk_Status AddPort(const std::string &portset, const PortSpec &spec, hyk_PortID *portID);
 hyk_Status RemovePort(hyk_PortID portID);
 
-// Enabling a port raises HYK_PORT_EVENT_STATE_ENABLE to its subscribers.
+// Enabling a port raises HYK_PORT_EVENT_STATE_ENABLE to its subscribers, on
+// the calling thread (which plays the host's event context), on every call:
+// enabling an enabled port is how a test says "the port came up again".
+// Returns HYK_NOT_FOUND for an unknown port, else the first failing
+// subscriber's status (HYK_OK when every subscriber succeeded).
 hyk_Status EnablePort(hyk_PortID portID);
 hyk_Status DisablePort(hyk_PortID portID);
 
@@ -48,6 +52,7 @@ hyk_Status DisablePort(hyk_PortID portID);
 
 struct BlockedInterval {
    uint64_t fromUS, toUS;   // toUS == 0 while still blocked
+   bool open = false;       // still blocked (tells an open interval from one closed at time 0)
 };
 
 struct PortView {
@@ -73,6 +78,8 @@ struct PortsetView {
    std::vector<std::string> events;           // portset events posted on it, in order
    std::vector<std::vector<uint8_t>> fdpCommands;  // fast-datapath command records received
    uint32_t acquireCount;                     // times acquired and not yet released
+   std::vector<uint32_t> fdpCommandClasses;   // the command class of each record, in order
+   bool exclusive = false;                    // held with HYK_PORTSET_ACCESS_EXCL now
 };
 std::optional<PortsetView> FindPortset(const std::string &name);
 std::vector<PortsetView> Portsets();
@@ -81,7 +88,12 @@ std::vector<PortsetView> Portsets();
 
 // Posts a network event on a portset from the host side (as the datapath
 // would): e.g. "com.corvid.tarn.kcp.port.unblock" with a port ID payload.
-// Runs on the calling thread, which plays the host's event context.
+// Runs on the calling thread, which plays the host's event context; several
+// threads may post at once.  Subscribers get a private copy of the payload
+// and a portset reference valid for the delivery (the post does not acquire
+// the portset, so it does not wait for a module that holds it).
+// Returns HYK_NOT_FOUND for an unknown portset, else the first failing
+// subscriber's status.
 hyk_Status PostPortsetEvent(const std::string &portset, const std::string &name,
                             const void *payload, uint32_t len);
 hyk_Status PostGlobalEvent(const std::string &name, const void *payload, uint32_t len);
@@ -97,8 +109,19 @@ std::vector<std::string> RegisteredEvents();
 // ---- character devices and user processes --------------------------------------------
 
 // A user process: its own memory (a set of mapped ranges at user addresses)
-// and a thread that runs `body`.  Device calls made from the body go through
-// the host's device layer; the module sees them as that process's calls.
+// and a thread of its own.  Device calls made on that thread go through the
+// host's device layer; the module sees them as that process's calls, and
+// hyk_CopyFromUser / hyk_CopyToUser reach exactly the process's ranges.
+//
+// Memory: each Alloc maps a new range at a page-aligned user address from
+// 0x10000000 up, separated from its neighbours by an unmapped guard page, so
+// a copy that runs past the end of a range fails.  The ranges together may
+// not exceed `memoryBytes`; Alloc returns 0 when they would (or for len 0).
+//
+// An open file pins the device's owner module (its use count), so the module
+// cannot be unloaded while a process has its device open: UnloadModule
+// answers HYK_BUSY.  Destroying the process closes its open files first, as
+// a process exit does.
 class UserProcess {
   public:
    explicit UserProcess(const std::string &name, uint64_t memoryBytes = 1 << 20);
@@ -114,9 +137,18 @@ class UserProcess {
    void Read(hyk_UserVA addr, void *dst, uint64_t len) const;
 
    // Device calls: run on the process's own thread, wait for the result.
+   // Open: HYK_NOT_FOUND for no such device (or one being unregistered),
+   // else the device's open status.  The others: HYK_INVALID_HANDLE for an
+   // fd that is not open, HYK_NOT_SUPPORTED for an empty operation slot.
+   // Close always closes the file and returns the device's close status.
    hyk_Status Open(const std::string &device, int *fd);
    hyk_Status Close(int fd);
    hyk_Status Ioctl(int fd, uint32_t cmd, hyk_UserVA arg);
+   hyk_Status DevRead(int fd, hyk_UserVA buf, uint64_t len, uint64_t *done);
+   hyk_Status DevWrite(int fd, hyk_UserVA buf, uint64_t len, uint64_t *done);
+   hyk_Status Poll(int fd, uint32_t *events);
+   // Number of files the process has open.
+   size_t OpenFiles() const;
 
    // Runs fn on the process's thread (for several device calls in a row).
    void Run(const std::function<void()> &fn);

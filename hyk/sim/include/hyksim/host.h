@@ -31,6 +31,8 @@ struct HostOptions {
 void HostStart(const HostOptions &options = {});
 // Unloads every module, flushes the log and stops host threads.
 void HostStop();
+// The options the running host was started with.
+HostOptions CurrentHostOptions();
 
 // ---- modules ------------------------------------------------------------------
 
@@ -101,10 +103,14 @@ void ClearFaults();
 uint64_t InjectedFaultCount(const std::string &op = "");
 // Number of calls made to an operation since host start.
 uint64_t CallCount(const std::string &op);
+// Every operation called since host start with its number of calls (the
+// first pass of a fault sweep).
+std::map<std::string, uint64_t> CallCounts();
 
 // Host-call trace: every fallible hyk_ call, in order, as "op" strings.
 void TraceEnable(bool on);
 std::vector<std::string> Trace();
+void TraceClear();
 
 // ---- log ------------------------------------------------------------------------
 
@@ -119,6 +125,8 @@ struct LogLine {
 
 // Waits until every queued line is formatted, then returns a copy.
 std::vector<LogLine> LogLines();
+// Waits until every line queued so far is formatted (and written to the file).
+void FlushLog();
 // Number of lines whose text contains `needle`.
 size_t LogCount(const std::string &needle);
 bool LogContains(const std::string &needle);
@@ -131,9 +139,13 @@ struct LogComponentView {
    std::string name;
    int32_t level;
    uint32_t throttle;
-   hyk_ModuleID owner;
+   hyk_ModuleID owner;      // the module current when it was registered
+   hyk_LogHandle handle = 0;
 };
 std::vector<LogComponentView> LogComponents();
+// The administrator's level change: sets the level of every component of that
+// name.  HYK_OK or HYK_NOT_FOUND.
+hyk_Status SetLogComponentLevel(const std::string &name, int32_t level);
 
 // ---- heaps -----------------------------------------------------------------------
 
@@ -160,5 +172,10 @@ struct HostCounts {
 };
 HostCounts Counts();
 
-// Panics: by default a panic aborts the process (use death tests).
+// Panics: by default a panic aborts the process (use death tests).  The
+// message goes to stderr as "hyk: PANIC: <message>", after the log is flushed.
 }  // namespace hyksim
+
+// Every injected failure passes through here: the place for a breakpoint
+// ("break hyksim_FaultInjected") when a fault sweep finds a bad unwind.
+extern "C" void hyksim_FaultInjected(const char *op, hyk_Status status, uint64_t call);

@@ -1,0 +1,127 @@
+// clock.cpp -- the host's one clock, virtual or real, and the monotonic
+// counter derived from it.
+//
+// With the virtual clock time stands still until a test (AdvanceClock) or a
+// sleeping world moves it, so a 120-second timer costs microseconds and every
+// run sees the same times.  Advancing is serialised: timers fire in deadline
+// order across all queues (timer.cpp) and the clock shows each timer's
+// deadline while its callback runs.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "core.h"
+
+namespace hyksim {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+struct Clock {
+   std::atomic<bool> isVirtual{true};
+   std::atomic<uint64_t> virtualUS{0};
+   std::atomic<int64_t> realStartNS{0};
+   std::mutex mu;  // sleepers wait on cv under mu
+   std::condition_variable cv;
+   bool interrupted = false;  // host stopping: sleeps end at once, until the next start
+   std::mutex advanceMu;
+};
+
+Clock &TheClock() {
+   static Clock *c = new Clock();
+   return *c;
+}
+
+int64_t SteadyNS() {
+   return std::chrono::duration_cast<std::chrono::nanoseconds>(SteadyClock::now().time_since_epoch())
+      .count();
+}
+
+uint64_t RealElapsedNS() {
+   int64_t d = SteadyNS() - TheClock().realStartNS.load(std::memory_order_relaxed);
+   return d < 0 ? 0 : static_cast<uint64_t>(d);
+}
+
+}  // namespace
+
+namespace core {
+
+void ClockReset(bool virtualClock) {
+   Clock &c = TheClock();
+   c.isVirtual = virtualClock;
+   c.virtualUS = 0;
+   c.realStartNS = SteadyNS();
+   std::lock_guard<std::mutex> lk(c.mu);
+   c.interrupted = false;
+}
+
+uint64_t ClockNowUS() {
+   Clock &c = TheClock();
+   if (c.isVirtual.load(std::memory_order_relaxed)) {
+      return c.virtualUS.load(std::memory_order_acquire);
+   }
+   return RealElapsedNS() / 1000;
+}
+
+void ClockStoreVirtual(uint64_t us) {
+   Clock &c = TheClock();
+   c.virtualUS.store(us, std::memory_order_release);
+   std::lock_guard<std::mutex> lk(c.mu);
+   c.cv.notify_all();
+}
+
+void ClockInterruptSleepers() {
+   Clock &c = TheClock();
+   std::lock_guard<std::mutex> lk(c.mu);
+   c.interrupted = true;
+   c.cv.notify_all();
+}
+
+bool ClockWaitUntil(uint64_t deadlineUS) {
+   Clock &c = TheClock();
+   std::unique_lock<std::mutex> lk(c.mu);
+   auto reached = [&] { return c.interrupted || ClockNowUS() >= deadlineUS; };
+   if (c.isVirtual) {
+      c.cv.wait(lk, reached);
+   } else {
+      auto until = SteadyClock::time_point(std::chrono::nanoseconds(c.realStartNS.load())) +
+                   std::chrono::microseconds(deadlineUS);
+      c.cv.wait_until(lk, until, reached);
+   }
+   return !c.interrupted;
+}
+
+}  // namespace core
+
+uint64_t NowUS() { return core::ClockNowUS(); }
+
+void AdvanceClock(uint64_t us) {
+   if (core::InTimerCallback()) {
+      Panic("the clock was advanced from a timer callback (it would wait for itself)");
+   }
+   Clock &c = TheClock();
+   if (!c.isVirtual) {
+      std::this_thread::sleep_for(std::chrono::microseconds(us));
+      return;
+   }
+   std::lock_guard<std::mutex> lk(c.advanceMu);
+   core::TimersAdvanceTo(core::ClockNowUS() + us);
+}
+
+}  // namespace hyksim
+
+using namespace hyksim;
+
+extern "C" uint64_t hyk_GetMonotonicCounterFrequency(void) { return core::CounterFrequency(); }
+
+extern "C" uint64_t hyk_TimerMonotonicCounter(void) {
+   unsigned __int128 freq = core::CounterFrequency();
+   if (TheClock().isVirtual.load(std::memory_order_relaxed)) {
+      return static_cast<uint64_t>(core::ClockNowUS() * freq / 1000000u);
+   }
+   return static_cast<uint64_t>(RealElapsedNS() * freq / 1000000000u);
+}
+
+extern "C" uint64_t hyk_GetTimeUS(void) { return core::ClockNowUS(); }

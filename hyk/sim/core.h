@@ -1,0 +1,99 @@
+// core.h -- how the core pieces of the simulated host (host, faults, log,
+// clock and timers, heaps, locks, worlds, modules) reach each other.
+//
+// internal.h is what the whole host shares (the fabric included); this header
+// is only for the core files: the reset sequence of HostStart, what each
+// subsystem drops when a module is unloaded, and the clock and log plumbing.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "hyksim/host.h"
+#include "internal.h"
+
+namespace hyksim::core {
+
+// ---- host options (host_core.cpp) ------------------------------------------
+// The options are written only by HostStart; the hot flags are atomics so
+// that threads of a previous host never race with a restart.
+bool VirtualClock();
+bool SleepAdvancesClock();
+uint64_t CounterFrequency();
+std::string LogFilePath();
+
+// ---- clock (clock.cpp) -------------------------------------------------------
+void ClockReset(bool virtualClock);
+uint64_t ClockNowUS();
+// The host is stopping: every sleeper returns early, and so does every
+// later sleep until ClockReset starts the next host.
+void ClockInterruptSleepers();
+// Blocks until the host clock reaches `deadline` (virtual clock: somebody
+// else advances it).  false when interrupted by a host stop or restart.
+bool ClockWaitUntil(uint64_t deadlineUS);
+void ClockStoreVirtual(uint64_t us);
+
+// ---- timers (timer.cpp) ------------------------------------------------------
+// Virtual clock: fire every timer due up to `target`, in deadline order.
+void TimersAdvanceTo(uint64_t targetUS);
+bool InTimerCallback();
+void TimersReset();
+void TimersDropModule(hyk_ModuleID id, const std::string &name);
+size_t TimerQueueCount();
+size_t PendingTimerCount();
+
+// ---- log (log.cpp) -----------------------------------------------------------
+void LogStart();                  // starts the logger thread, opens the file
+void LogStop();                   // formats what is queued, stops the thread
+void LogFlush();                  // waits until everything queued is formatted
+void LogReset();                  // drops lines and components
+// A preformatted line (host lines, plain printers formatted at once).
+void LogAppendText(const char *component, int32_t level, bool warning, std::string text);
+// The panic path: bounded flush, then the message straight to the sinks.
+void LogPanic(const std::string &text);
+void LogDropModule(hyk_ModuleID id, const std::string &name);
+size_t LogComponentCount();
+
+// ---- heaps (heap.cpp) --------------------------------------------------------
+void HeapsReset();
+void HeapsClearHistory();  // names, leak reports: kept from HostStop to the next HostStart
+void HeapsDropModule(hyk_ModuleID id, const std::string &name);
+size_t HeapCount();
+bool HeapExists(hyk_HeapID heap);
+
+// ---- locks (lock.cpp) --------------------------------------------------------
+void LocksReset();
+void LocksDropModule(hyk_ModuleID id, const std::string &name);
+size_t LockDomainCount();
+size_t SpinlockCount();
+// Panics naming `what` when the calling thread still holds a spinlock.
+void AssertNoSpinlocks(const char *what);
+
+// ---- worlds (world.cpp) ------------------------------------------------------
+void WorldsReset();
+// Reports the module's unreaped worlds; returns false when one still runs
+// (its code is still in use, so the module's object must stay mapped).
+bool WorldsDropModule(hyk_ModuleID id, const std::string &name);
+size_t WorldCount();
+
+// ---- faults (fault.cpp) ------------------------------------------------------
+void FaultsReset();
+
+// ---- modules (module.cpp) ----------------------------------------------------
+void ModulesUnloadAll();
+void ModulesReset();
+// Calls fn with `id` pushed as the current module, then checks that fn left
+// the thread as it found it (no spinlock held, pushes balanced).
+void RunAsModule(hyk_ModuleID id, const void *fnAddr, const char *what,
+                 const std::function<void()> &fn);
+// "name" of a module for messages, or "#id" when unknown.
+std::string ModuleLabel(hyk_ModuleID id);
+// Runs the hooks registered with OnModuleUnloaded / OnReset.
+void RunUnloadHooks(hyk_ModuleID id, const std::string &name);
+void RunResetHooks();
+
+// Validates a host object name: HYK_BAD_PARAM for null/empty,
+// HYK_NAME_TOO_LONG past HYK_NAME_LEN - 1 characters.
+hyk_Status CheckName(const char *name);
+
+}  // namespace hyksim::core

@@ -1,0 +1,199 @@
+// fault.cpp -- fault injection and the host-call trace.
+//
+// Every fallible hyk_ operation calls FaultCheck first.  It counts the call,
+// appends it to the trace when tracing is on, and asks the injected fault
+// specs whether this call fails.  A sweep driver runs a scenario once to
+// count the calls, then again failing call k for every k; each injected
+// failure is logged by the host and passes through hyksim_FaultInjected, the
+// function to put a breakpoint on.
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "core.h"
+
+extern "C" __attribute__((noinline)) void hyksim_FaultInjected(const char *op, hyk_Status status,
+                                                              uint64_t call) {
+   // Nothing to do: this function exists to be a breakpoint.  The asm keeps
+   // the compiler from folding the call away.
+   asm volatile("" : : "r"(op), "r"(status), "r"(call) : "memory");
+}
+
+namespace hyksim {
+namespace {
+
+struct StringHash {
+   using is_transparent = void;
+   size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+
+struct ActiveSpec {
+   FaultSpec spec;
+   uint64_t seen = 0;     // calls of spec.op since injection
+   uint64_t failed = 0;   // failures this spec has injected
+   uint64_t rng = 0;      // splitmix64 state for probability specs
+};
+
+struct OpCounters {
+   uint64_t calls = 0;
+   uint64_t injected = 0;
+};
+
+struct FaultState {
+   std::mutex mu;
+   std::unordered_map<std::string, OpCounters, StringHash, std::equal_to<>> ops;
+   std::vector<ActiveSpec> specs;
+   uint64_t injectedTotal = 0;
+   bool tracing = false;
+   std::vector<std::string> trace;
+};
+
+FaultState &State() {
+   static FaultState state;
+   return state;
+}
+
+uint64_t SplitMix64(uint64_t *s) {
+   uint64_t z = (*s += 0x9e3779b97f4a7c15ull);
+   z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+   z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+   return z ^ (z >> 31);
+}
+
+bool UnderLimit(const ActiveSpec &a) { return a.spec.count == 0 || a.failed < a.spec.count; }
+
+// Decides whether this call of a.spec.op fails.  Every matching spec sees
+// every call, so an nth count is not disturbed by another spec on the op.
+bool SpecFires(ActiveSpec &a) {
+   a.seen++;
+   if (a.spec.nth != 0) {
+      return a.seen == a.spec.nth;
+   }
+   if (a.spec.every) {
+      return UnderLimit(a);
+   }
+   if (a.spec.probability > 0.0) {
+      double draw = static_cast<double>(SplitMix64(&a.rng) >> 11) * 0x1.0p-53;
+      return draw < a.spec.probability && UnderLimit(a);
+   }
+   return false;
+}
+
+OpCounters &CountersFor(FaultState &s, std::string_view op) {
+   auto it = s.ops.find(op);
+   if (it == s.ops.end()) {
+      it = s.ops.emplace(std::string(op), OpCounters{}).first;
+   }
+   return it->second;
+}
+
+}  // namespace
+
+bool FaultCheck(const char *op, hyk_Status *status) {
+   FaultState &s = State();
+   hyk_Status chosen = HYK_OK;
+   uint64_t callNo = 0;
+   bool fire = false;
+   {
+      std::lock_guard<std::mutex> lk(s.mu);
+      OpCounters &c = CountersFor(s, op);
+      callNo = ++c.calls;
+      if (s.tracing) {
+         s.trace.emplace_back(op);
+      }
+      for (ActiveSpec &a : s.specs) {
+         if (a.spec.op == op && SpecFires(a) && !fire) {
+            fire = true;
+            a.failed++;
+            chosen = a.spec.status;
+         }
+      }
+      if (fire) {
+         c.injected++;
+         s.injectedTotal++;
+      }
+   }
+   if (!fire) {
+      return false;
+   }
+   HostLog("injected failure of %s (call %llu): %s", op, static_cast<unsigned long long>(callNo),
+           hyk_StatusToString(chosen));
+   hyksim_FaultInjected(op, chosen, callNo);
+   *status = chosen;
+   return true;
+}
+
+void InjectFault(const FaultSpec &spec) {
+   if (spec.nth == 0 && !spec.every && spec.probability <= 0.0) {
+      HostLog("fault spec for %s ignored: it names no call to fail", spec.op.c_str());
+      return;
+   }
+   ActiveSpec a;
+   a.spec = spec;
+   a.rng = spec.seed;
+   std::lock_guard<std::mutex> lk(State().mu);
+   State().specs.push_back(a);
+}
+
+void ClearFaults() {
+   std::lock_guard<std::mutex> lk(State().mu);
+   State().specs.clear();
+}
+
+uint64_t InjectedFaultCount(const std::string &op) {
+   FaultState &s = State();
+   std::lock_guard<std::mutex> lk(s.mu);
+   if (op.empty()) {
+      return s.injectedTotal;
+   }
+   auto it = s.ops.find(op);
+   return it == s.ops.end() ? 0 : it->second.injected;
+}
+
+uint64_t CallCount(const std::string &op) {
+   FaultState &s = State();
+   std::lock_guard<std::mutex> lk(s.mu);
+   auto it = s.ops.find(op);
+   return it == s.ops.end() ? 0 : it->second.calls;
+}
+
+std::map<std::string, uint64_t> CallCounts() {
+   FaultState &s = State();
+   std::lock_guard<std::mutex> lk(s.mu);
+   std::map<std::string, uint64_t> out;
+   for (const auto &[op, c] : s.ops) {
+      out[op] = c.calls;
+   }
+   return out;
+}
+
+void TraceEnable(bool on) {
+   std::lock_guard<std::mutex> lk(State().mu);
+   State().tracing = on;
+}
+
+void TraceClear() {
+   std::lock_guard<std::mutex> lk(State().mu);
+   State().trace.clear();
+}
+
+std::vector<std::string> Trace() {
+   std::lock_guard<std::mutex> lk(State().mu);
+   return State().trace;
+}
+
+namespace core {
+
+void FaultsReset() {
+   FaultState &s = State();
+   std::lock_guard<std::mutex> lk(s.mu);
+   s.ops.clear();
+   s.specs.clear();
+   s.injectedTotal = 0;
+   s.tracing = false;
+   s.trace.clear();
+}
+
+}  // namespace core
+}  // namespace hyksim

@@ -1,0 +1,584 @@
+// log.cpp -- the host log: log components, the plain printers, the logger
+// thread and the control API's view of the log.
+//
+// A caller of hyk_LogLevel pays for a level test, a copy of the raw
+// arguments (log_format.cpp) and a short critical section to append the
+// record to the queue; the logger thread formats the records in order and
+// appends them to the in-memory log and the log file.  When no logger thread
+// runs (before HostStart, after HostStop, in a forked death-test child) the
+// caller formats the line itself.
+//
+// Throttle kind 1 (HYK_LOG_THROTTLE_COUNT): within one second of host time a
+// component passes its first kThrottleBurst lines; after that it passes one
+// line in kThrottleKeepOneIn.  When the next second begins, the number of
+// lines dropped in the previous one is reported by the host.  With the
+// virtual clock the window only moves when time is advanced, so a test sees
+// the same lines on every run.
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "core.h"
+#include "log_format.h"
+
+namespace hyksim {
+namespace {
+
+constexpr size_t kMaxComponents = 4096;
+constexpr uint64_t kThrottleWindowUS = 1000000;
+constexpr uint64_t kThrottleBurst = 100;
+constexpr uint64_t kThrottleKeepOneIn = 10;
+constexpr auto kGatherPause = std::chrono::microseconds(500);
+
+enum : uint32_t { kSlotFree = 0, kSlotLive = 1, kSlotGone = 2 };
+
+// Components live in a fixed table so that the hot path finds one by index
+// without a lock.  Slots are not reused within one host life, so a stale
+// handle stays invalid.
+struct Component {
+   std::atomic<uint32_t> state{kSlotFree};
+   std::atomic<int32_t> level{0};
+   uint32_t throttle = 0;
+   hyk_ModuleID owner = HYK_INVALID_MODULE_ID;
+   char name[HYK_NAME_LEN] = {};
+   std::mutex throttleMu;
+   uint64_t windowStart = 0;
+   uint64_t inWindow = 0;
+   uint64_t dropped = 0;
+};
+
+struct Registry {
+   std::mutex mu;  // register/unregister and slot allocation
+   size_t used = 0;
+   Component slots[kMaxComponents];
+};
+
+Registry &Reg() {
+   static Registry *reg = new Registry();  // never destroyed: threads may log at exit
+   return *reg;
+}
+
+// A queued line is this header, the component name and the captured
+// arguments (or, when fmt is null, the finished text), packed back to back
+// into one byte buffer: queueing a line allocates nothing once the buffer
+// has grown to the burst size.
+struct RecordHeader {
+   uint64_t timeUS;
+   const char *fmt;
+   int32_t level;
+   uint32_t dataLen;
+   uint8_t compLen;
+   uint8_t warning;
+};
+
+struct Line {
+   std::string_view component;
+   int32_t level;
+   bool warning;
+   const char *fmt;
+   std::string_view data;
+   uint64_t timeUS;
+};
+
+struct Queue {
+   std::mutex mu;
+   std::condition_variable cv;
+   std::string pending;  // packed records
+   uint64_t enqueued = 0;
+   bool running = false;
+   bool stopping = false;
+   bool loggerWaiting = false;  // only then does a caller pay for a wake-up
+   bool flushWanted = false;    // a reader waits: skip the gathering pause
+   std::thread thread;
+};
+
+struct Sink {
+   std::mutex mu;
+   std::condition_variable doneCv;
+   std::vector<LogLine> lines;
+   uint64_t formatted = 0;  // queued records formatted so far
+   uint64_t nextSeq = 1;
+   FILE *file = nullptr;
+};
+
+Queue &TheQueue() {
+   static Queue *q = new Queue();
+   return *q;
+}
+
+Sink &TheSink() {
+   static Sink *s = new Sink();
+   return *s;
+}
+
+thread_local bool tIsLogger = false;
+
+// A forked child (a death test) has no logger thread: its callers format
+// their own lines.  Set by the fork handler, so the hot path needs no getpid.
+std::atomic<bool> gForkedChild{false};
+
+void MarkForkedChild() { gForkedChild.store(true, std::memory_order_relaxed); }
+
+bool LoggerUsable(const Queue &q) {
+   return q.running && !gForkedChild.load(std::memory_order_relaxed);
+}
+
+void WriteFileLine(Sink &s, const LogLine &line) {
+   if (s.file == nullptr) {
+      return;
+   }
+   fprintf(s.file, "%s%s\n", line.warning ? "WARNING: " : "", line.text.c_str());
+}
+
+// Under s.mu.
+void AppendLine(Sink &s, const Line &in) {
+   LogLine line;
+   line.seq = s.nextSeq++;
+   line.timeUS = in.timeUS;
+   line.component = in.component;
+   line.level = in.level;
+   line.warning = in.warning;
+   line.text = in.fmt ? logfmt::Render(in.fmt, in.data) : std::string(in.data);
+   if (!line.text.empty() && line.text.back() == '\n') {
+      line.text.pop_back();
+   }
+   WriteFileLine(s, line);
+   s.lines.push_back(std::move(line));
+}
+
+// Unpacks and formats a batch of records; returns how many there were.
+uint64_t FormatBatch(Sink &s, const std::string &batch) {
+   uint64_t n = 0;
+   for (size_t off = 0; off + sizeof(RecordHeader) <= batch.size(); n++) {
+      RecordHeader h;
+      memcpy(&h, batch.data() + off, sizeof h);
+      off += sizeof h;
+      std::string_view comp(batch.data() + off, h.compLen);
+      off += h.compLen;
+      std::string_view data(batch.data() + off, h.dataLen);
+      off += h.dataLen;
+      AppendLine(s, Line{comp, h.level, h.warning != 0, h.fmt, data, h.timeUS});
+   }
+   return n;
+}
+
+void LoggerMain() {
+   tIsLogger = true;
+   Queue &q = TheQueue();
+   Sink &s = TheSink();
+   std::string batch;
+   for (;;) {
+      {
+         std::unique_lock<std::mutex> lk(q.mu);
+         while (q.pending.empty() && !q.stopping) {
+            q.loggerWaiting = true;
+            q.cv.wait(lk);
+            q.loggerWaiting = false;
+         }
+         // Let a batch gather: a caller that finds the logger busy does not
+         // pay for waking it, so a burst of lines costs one wake-up.
+         q.cv.wait_for(lk, kGatherPause, [&] { return q.stopping || q.flushWanted; });
+         q.flushWanted = false;
+         if (q.pending.empty()) {
+            q.running = false;  // later records are formatted by their callers
+            return;
+         }
+         batch.swap(q.pending);
+      }
+      std::lock_guard<std::mutex> lk(s.mu);
+      s.formatted += FormatBatch(s, batch);
+      if (s.file != nullptr) {
+         fflush(s.file);
+      }
+      s.doneCv.notify_all();
+      batch.clear();
+   }
+}
+
+void Enqueue(const char *component, int32_t level, bool warning, const char *fmt,
+             std::string_view data) {
+   Line line{std::string_view(component, strnlen(component, HYK_NAME_LEN - 1)), level, warning, fmt,
+             data, core::ClockNowUS()};
+   Queue &q = TheQueue();
+   {
+      std::lock_guard<std::mutex> lk(q.mu);
+      if (LoggerUsable(q)) {
+         RecordHeader h{line.timeUS, fmt, level, static_cast<uint32_t>(data.size()),
+                        static_cast<uint8_t>(line.component.size()), warning};
+         q.pending.append(reinterpret_cast<const char *>(&h), sizeof h);
+         q.pending.append(line.component);
+         q.pending.append(data);
+         q.enqueued++;
+         if (q.loggerWaiting) {
+            q.loggerWaiting = false;
+            q.cv.notify_one();
+         }
+         return;
+      }
+   }
+   Sink &s = TheSink();
+   std::lock_guard<std::mutex> lk(s.mu);
+   AppendLine(s, line);
+   if (s.file != nullptr) {
+      fflush(s.file);
+   }
+}
+
+// false: the wait ran out (only the panic path bounds it).
+bool FlushFor(std::chrono::milliseconds limit, bool bounded) {
+   Queue &q = TheQueue();
+   uint64_t target;
+   {
+      std::lock_guard<std::mutex> lk(q.mu);
+      if (!LoggerUsable(q) || tIsLogger) {
+         return true;
+      }
+      target = q.enqueued;
+      q.flushWanted = true;
+      q.cv.notify_all();
+   }
+   Sink &s = TheSink();
+   std::unique_lock<std::mutex> lk(s.mu);
+   auto done = [&] { return s.formatted >= target; };
+   if (!bounded) {
+      s.doneCv.wait(lk, done);
+      return true;
+   }
+   return s.doneCv.wait_for(lk, limit, done);
+}
+
+Component *Lookup(hyk_LogHandle handle) {
+   if (handle == 0 || handle > kMaxComponents) {
+      return nullptr;
+   }
+   Component *c = &Reg().slots[handle - 1];
+   return c->state.load(std::memory_order_acquire) == kSlotLive ? c : nullptr;
+}
+
+// Decides whether a line of a count-throttled component passes.
+bool ThrottlePasses(Component *c) {
+   uint64_t now = core::ClockNowUS();
+   uint64_t reportDropped = 0;
+   bool pass;
+   {
+      std::lock_guard<std::mutex> lk(c->throttleMu);
+      if (now - c->windowStart >= kThrottleWindowUS) {
+         reportDropped = c->dropped;
+         c->windowStart = now;
+         c->inWindow = 0;
+         c->dropped = 0;
+      }
+      uint64_t n = ++c->inWindow;
+      pass = n <= kThrottleBurst || (n - kThrottleBurst) % kThrottleKeepOneIn == 0;
+      if (!pass) {
+         c->dropped++;
+      }
+   }
+   if (reportDropped != 0) {
+      HostLog("log component %s: %llu lines throttled", c->name,
+              static_cast<unsigned long long>(reportDropped));
+   }
+   return pass;
+}
+
+// The caller's scratch buffer for captured arguments: reused, so a line
+// costs no allocation on the caller's side.
+thread_local std::string tArgs;
+
+void PlainPrint(bool warning, const char *fmt, va_list ap) {
+   if (fmt == nullptr) {
+      return;
+   }
+   tArgs.clear();
+   logfmt::Capture(fmt, ap, &tArgs);
+   Enqueue("", -1, warning, fmt, tArgs);
+}
+
+bool ThrottleKindKnown(uint32_t kind) {
+   return kind == HYK_LOG_THROTTLE_NONE || kind == HYK_LOG_THROTTLE_COUNT;
+}
+
+// Under Reg().mu.
+bool NameTaken(const char *name, uint32_t throttle) {
+   Registry &r = Reg();
+   for (size_t i = 0; i < r.used; i++) {
+      Component &c = r.slots[i];
+      if (c.state.load(std::memory_order_relaxed) == kSlotLive && c.throttle == throttle &&
+          strcmp(c.name, name) == 0) {
+         return true;
+      }
+   }
+   return false;
+}
+
+hyk_Status CheckProps(const hyk_LogProps *props, hyk_LogHandle *handle) {
+   if (props == nullptr || handle == nullptr || !ThrottleKindKnown(props->throttle)) {
+      return HYK_BAD_PARAM;
+   }
+   if (props->heap != 0 && !core::HeapExists(props->heap)) {
+      return HYK_BAD_PARAM;
+   }
+   return core::CheckName(props->name);
+}
+
+}  // namespace
+
+// ---- control API -------------------------------------------------------------
+
+void FlushLog() { FlushFor(std::chrono::milliseconds(0), false); }
+
+std::vector<LogLine> LogLines() {
+   FlushLog();
+   std::lock_guard<std::mutex> lk(TheSink().mu);
+   return TheSink().lines;
+}
+
+size_t LogCount(const std::string &needle) {
+   FlushLog();
+   std::lock_guard<std::mutex> lk(TheSink().mu);
+   size_t n = 0;
+   for (const LogLine &line : TheSink().lines) {
+      if (line.text.find(needle) != std::string::npos) {
+         n++;
+      }
+   }
+   return n;
+}
+
+bool LogContains(const std::string &needle) { return LogCount(needle) != 0; }
+
+void LogClear() {
+   FlushLog();
+   std::lock_guard<std::mutex> lk(TheSink().mu);
+   TheSink().lines.clear();
+}
+
+std::string LogText() {
+   std::string out;
+   for (const LogLine &line : LogLines()) {
+      out += (line.warning ? "WARNING: " : "") + line.text + "\n";
+   }
+   return out;
+}
+
+std::vector<LogComponentView> LogComponents() {
+   Registry &r = Reg();
+   std::lock_guard<std::mutex> lk(r.mu);
+   std::vector<LogComponentView> out;
+   for (size_t i = 0; i < r.used; i++) {
+      Component &c = r.slots[i];
+      if (c.state.load(std::memory_order_relaxed) == kSlotLive) {
+         out.push_back({c.name, c.level.load(), c.throttle, c.owner, i + 1});
+      }
+   }
+   return out;
+}
+
+hyk_Status SetLogComponentLevel(const std::string &name, int32_t level) {
+   Registry &r = Reg();
+   std::lock_guard<std::mutex> lk(r.mu);
+   hyk_Status st = HYK_NOT_FOUND;
+   for (size_t i = 0; i < r.used; i++) {
+      Component &c = r.slots[i];
+      if (c.state.load(std::memory_order_relaxed) == kSlotLive && name == c.name) {
+         c.level.store(level);
+         st = HYK_OK;
+      }
+   }
+   return st;
+}
+
+// ---- shared with the rest of the host ----------------------------------------
+
+namespace core {
+
+void LogAppendText(const char *component, int32_t level, bool warning, std::string text) {
+   Enqueue(component, level, warning, nullptr, text);
+}
+
+void LogStart() {
+   std::string path = LogFilePath();
+   {
+      std::lock_guard<std::mutex> lk(TheSink().mu);
+      if (!path.empty()) {
+         TheSink().file = fopen(path.c_str(), "w");
+      }
+   }
+   Queue &q = TheQueue();
+   std::lock_guard<std::mutex> lk(q.mu);
+   static std::once_flag atfork;
+   std::call_once(atfork, [] { pthread_atfork(nullptr, nullptr, MarkForkedChild); });
+   q.running = true;
+   q.stopping = false;
+   q.thread = std::thread(LoggerMain);
+}
+
+void LogStop() {
+   Queue &q = TheQueue();
+   {
+      std::lock_guard<std::mutex> lk(q.mu);
+      if (!q.thread.joinable()) {
+         return;
+      }
+      q.stopping = true;
+      q.cv.notify_all();
+   }
+   q.thread.join();
+   std::lock_guard<std::mutex> lk(TheSink().mu);
+   if (TheSink().file != nullptr) {
+      fclose(TheSink().file);
+      TheSink().file = nullptr;
+   }
+}
+
+void LogFlush() { FlushLog(); }
+
+void LogReset() {
+   {
+      std::lock_guard<std::mutex> lk(TheSink().mu);
+      TheSink().lines.clear();
+      TheSink().nextSeq = 1;
+   }
+   Registry &r = Reg();
+   std::lock_guard<std::mutex> lk(r.mu);
+   for (size_t i = 0; i < r.used; i++) {
+      Component &c = r.slots[i];
+      c.state.store(kSlotFree);
+      std::lock_guard<std::mutex> tl(c.throttleMu);
+      c.windowStart = c.inWindow = c.dropped = 0;
+   }
+   r.used = 0;
+}
+
+void LogPanic(const std::string &text) {
+   FlushFor(std::chrono::milliseconds(2000), true);
+   fprintf(stderr, "%s\n", text.c_str());
+   fflush(stderr);
+   Sink &s = TheSink();
+   // try_lock: the panic may come from a thread that holds the sink.
+   std::unique_lock<std::mutex> lk(s.mu, std::try_to_lock);
+   if (lk.owns_lock() && s.file != nullptr) {
+      fprintf(s.file, "%s\n", text.c_str());
+      fflush(s.file);
+   }
+}
+
+void LogDropModule(hyk_ModuleID id, const std::string &name) {
+   Registry &r = Reg();
+   std::vector<std::string> left;
+   {
+      std::lock_guard<std::mutex> lk(r.mu);
+      for (size_t i = 0; i < r.used; i++) {
+         Component &c = r.slots[i];
+         if (c.state.load() == kSlotLive && c.owner == id) {
+            c.state.store(kSlotGone, std::memory_order_release);
+            left.emplace_back(c.name);
+         }
+      }
+   }
+   for (const std::string &comp : left) {
+      HostLog("module %s left log component %s registered; unregistering it", name.c_str(),
+              comp.c_str());
+   }
+}
+
+size_t LogComponentCount() { return LogComponents().size(); }
+
+}  // namespace core
+}  // namespace hyksim
+
+// ---- the module interface ------------------------------------------------------
+
+using namespace hyksim;
+
+extern "C" hyk_Status hyk_LogRegister(const hyk_LogProps *props, hyk_LogHandle *handle) {
+   HYKSIM_FAULT_POINT("hyk_LogRegister");
+   AssertMaySleep("hyk_LogRegister");
+   hyk_Status st = CheckProps(props, handle);
+   if (st != HYK_OK) {
+      return st;
+   }
+   Registry &r = Reg();
+   std::lock_guard<std::mutex> lk(r.mu);
+   if (NameTaken(props->name, props->throttle)) {
+      return HYK_EXISTS;
+   }
+   if (r.used == kMaxComponents) {
+      return HYK_NO_RESOURCES;
+   }
+   Component &c = r.slots[r.used];
+   strncpy(c.name, props->name, sizeof c.name - 1);
+   c.level.store(props->defaultLevel);
+   c.throttle = props->throttle;
+   c.owner = hyk_ModuleCurrentID();
+   c.state.store(kSlotLive, std::memory_order_release);
+   *handle = ++r.used;
+   return HYK_OK;
+}
+
+extern "C" hyk_Status hyk_LogUnregister(hyk_LogHandle handle) {
+   HYKSIM_FAULT_POINT("hyk_LogUnregister");
+   AssertMaySleep("hyk_LogUnregister");
+   std::lock_guard<std::mutex> lk(Reg().mu);
+   Component *c = Lookup(handle);
+   if (c == nullptr) {
+      return HYK_INVALID_HANDLE;
+   }
+   c->state.store(kSlotGone, std::memory_order_release);
+   return HYK_OK;
+}
+
+extern "C" int hyk_LogLevel(uint32_t urgency, hyk_LogHandle handle, int32_t level,
+                            const char *fmt, ...) {
+   Component *c = Lookup(handle);
+   if (c == nullptr || fmt == nullptr || level > c->level.load(std::memory_order_relaxed)) {
+      return 0;
+   }
+   if (c->throttle == HYK_LOG_THROTTLE_COUNT && !ThrottlePasses(c)) {
+      return 0;
+   }
+   tArgs.clear();
+   va_list ap;
+   va_start(ap, fmt);
+   logfmt::Capture(fmt, ap, &tArgs);
+   va_end(ap);
+   int queued = static_cast<int>(sizeof(RecordHeader) + tArgs.size());
+   Enqueue(c->name, level, false, fmt, tArgs);
+   return queued;
+}
+
+extern "C" int32_t hyk_LogGetCurrentLogLevel(hyk_LogHandle handle) {
+   Component *c = Lookup(handle);
+   return c == nullptr ? 0 : c->level.load(std::memory_order_relaxed);
+}
+
+extern "C" hyk_Status hyk_LogSetLevel(hyk_LogHandle handle, int32_t level) {
+   HYKSIM_FAULT_POINT("hyk_LogSetLevel");
+   Component *c = Lookup(handle);
+   if (c == nullptr) {
+      return HYK_INVALID_HANDLE;
+   }
+   c->level.store(level, std::memory_order_relaxed);
+   return HYK_OK;
+}
+
+extern "C" void _hyk_LogMessage(const char *fmt, ...) {
+   va_list ap;
+   va_start(ap, fmt);
+   PlainPrint(false, fmt, ap);
+   va_end(ap);
+}
+
+extern "C" void _hyk_WarningMessage(const char *fmt, ...) {
+   va_list ap;
+   va_start(ap, fmt);
+   PlainPrint(true, fmt, ap);
+   va_end(ap);
+}

@@ -1,0 +1,364 @@
+// log_format.cpp -- deferred printf (see log_format.h).
+//
+// Both halves walk the format with the same parser, so they agree on which
+// argument each conversion takes.  The record is a flat byte string: 8 bytes
+// per integer, pointer or double, 16 per long double, and for a string a
+// 32-bit length (all ones for a null pointer) followed by its bytes.
+// Positional arguments ("%1$d") are not supported: the rest of such a format
+// is kept as literal text rather than guessed at.
+#include "log_format.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+
+namespace hyksim::logfmt {
+namespace {
+
+enum class Len : uint8_t { kNone, kHH, kH, kL, kLL, kJ, kZ, kT, kBigL };
+
+struct Spec {
+   const char *begin = nullptr;  // the '%'
+   const char *end = nullptr;    // one past the conversion character
+   bool starWidth = false;
+   bool starPrec = false;
+   bool hasPrec = false;
+   int prec = 0;
+   Len len = Len::kNone;
+   char conv = 0;
+};
+
+const char *ParseLength(const char *q, Len *len) {
+   switch (*q) {
+   case 'h':
+      if (q[1] == 'h') {
+         *len = Len::kHH;
+         return q + 2;
+      }
+      *len = Len::kH;
+      return q + 1;
+   case 'l':
+      if (q[1] == 'l') {
+         *len = Len::kLL;
+         return q + 2;
+      }
+      *len = Len::kL;
+      return q + 1;
+   case 'q': *len = Len::kLL; return q + 1;
+   case 'j': *len = Len::kJ; return q + 1;
+   case 'z':
+   case 'Z': *len = Len::kZ; return q + 1;
+   case 't': *len = Len::kT; return q + 1;
+   case 'L': *len = Len::kBigL; return q + 1;
+   default: return q;
+   }
+}
+
+// Parses the conversion at p (which points at '%').  false for a malformed
+// or positional conversion.
+bool ParseSpec(const char *p, Spec *s) {
+   s->begin = p;
+   const char *q = p + 1;
+   while (*q != '\0' && strchr("-+ #0'I", *q) != nullptr) {
+      q++;
+   }
+   if (*q == '*') {
+      s->starWidth = true;
+      q++;
+   } else {
+      while (*q >= '0' && *q <= '9') {
+         q++;
+      }
+   }
+   if (*q == '$') {
+      return false;
+   }
+   if (*q == '.') {
+      s->hasPrec = true;
+      q++;
+      if (*q == '*') {
+         s->starPrec = true;
+         q++;
+      } else {
+         s->prec = 0;
+         while (*q >= '0' && *q <= '9') {
+            s->prec = s->prec * 10 + (*q - '0');
+            q++;
+         }
+      }
+   }
+   q = ParseLength(q, &s->len);
+   s->conv = *q;
+   if (s->conv == '\0' || strchr("diouxXcCsSpneEfFgGaA%", s->conv) == nullptr) {
+      return false;
+   }
+   s->end = q + 1;
+   return true;
+}
+
+bool IsIntConv(char c) { return strchr("diouxX", c) != nullptr; }
+bool IsWideChar(const Spec &s) { return s.conv == 'C' || (s.conv == 'c' && s.len == Len::kL); }
+bool IsWideStr(const Spec &s) { return s.conv == 'S' || (s.conv == 's' && s.len == Len::kL); }
+
+// ---- capture ---------------------------------------------------------------
+
+struct VaBox {
+   va_list ap;
+};
+
+void Put(std::string *out, const void *p, size_t n) { out->append(static_cast<const char *>(p), n); }
+void Put64(std::string *out, uint64_t v) { Put(out, &v, sizeof v); }
+
+uint64_t TakeInt(VaBox &va, Len len) {
+   switch (len) {
+   case Len::kL: return static_cast<uint64_t>(va_arg(va.ap, long));
+   case Len::kLL: return static_cast<uint64_t>(va_arg(va.ap, long long));
+   case Len::kJ: return static_cast<uint64_t>(va_arg(va.ap, intmax_t));
+   case Len::kZ: return static_cast<uint64_t>(va_arg(va.ap, size_t));
+   case Len::kT: return static_cast<uint64_t>(va_arg(va.ap, ptrdiff_t));
+   default: return static_cast<uint64_t>(static_cast<int64_t>(va_arg(va.ap, int)));
+   }
+}
+
+void TakeString(VaBox &va, const Spec &s, int prec, std::string *out) {
+   const char *str = va_arg(va.ap, const char *);
+   if (str == nullptr) {
+      uint32_t none = 0xffffffffu;
+      Put(out, &none, sizeof none);
+      return;
+   }
+   // With a precision the string need not be terminated: read no further.
+   size_t n = (s.hasPrec && prec >= 0) ? strnlen(str, static_cast<size_t>(prec)) : strlen(str);
+   uint32_t n32 = static_cast<uint32_t>(n);
+   Put(out, &n32, sizeof n32);
+   Put(out, str, n);
+}
+
+void TakeWideString(VaBox &va, const Spec &s, int prec, std::string *out) {
+   const wchar_t *w = va_arg(va.ap, const wchar_t *);
+   if (w == nullptr) {
+      uint32_t none = 0xffffffffu;
+      Put(out, &none, sizeof none);
+      return;
+   }
+   size_t n = (s.hasPrec && prec >= 0) ? wcsnlen(w, static_cast<size_t>(prec)) : wcslen(w);
+   uint32_t n32 = static_cast<uint32_t>(n);
+   Put(out, &n32, sizeof n32);
+   Put(out, w, n * sizeof(wchar_t));
+}
+
+void TakeValue(VaBox &va, const Spec &s, int prec, std::string *out) {
+   if (IsIntConv(s.conv)) {
+      Put64(out, TakeInt(va, s.len));
+   } else if (IsWideChar(s)) {
+      Put64(out, static_cast<uint64_t>(va_arg(va.ap, wint_t)));
+   } else if (s.conv == 'c') {
+      Put64(out, static_cast<uint64_t>(va_arg(va.ap, int)));
+   } else if (IsWideStr(s)) {
+      TakeWideString(va, s, prec, out);
+   } else if (s.conv == 's') {
+      TakeString(va, s, prec, out);
+   } else if (s.conv == 'p') {
+      Put64(out, reinterpret_cast<uintptr_t>(va_arg(va.ap, void *)));
+   } else if (s.conv == 'n') {
+      (void)va_arg(va.ap, void *);  // the host never writes through %n
+   } else if (s.len == Len::kBigL) {
+      long double d = va_arg(va.ap, long double);
+      Put(out, &d, sizeof d);
+   } else {
+      double d = va_arg(va.ap, double);
+      Put(out, &d, sizeof d);
+   }
+}
+
+// ---- render ----------------------------------------------------------------
+
+struct Reader {
+   std::string_view data;
+   size_t pos = 0;
+   bool Get(void *dst, size_t n) {
+      if (pos + n > data.size()) {
+         return false;
+      }
+      memcpy(dst, data.data() + pos, n);
+      pos += n;
+      return true;
+   }
+};
+
+template <typename T>
+void Emit(std::string *out, const std::string &sub, T v) {
+   char buf[256];
+   int n = snprintf(buf, sizeof buf, sub.c_str(), v);
+   if (n < 0) {
+      return;
+   }
+   if (static_cast<size_t>(n) < sizeof buf) {
+      out->append(buf, static_cast<size_t>(n));
+      return;
+   }
+   std::string big(static_cast<size_t>(n) + 1, '\0');
+   snprintf(big.data(), big.size(), sub.c_str(), v);
+   out->append(big.data(), static_cast<size_t>(n));
+}
+
+void EmitInt(std::string *out, const std::string &sub, Len len, uint64_t v) {
+   switch (len) {
+   case Len::kL: Emit(out, sub, static_cast<long>(v)); break;
+   case Len::kLL: Emit(out, sub, static_cast<long long>(v)); break;
+   case Len::kJ: Emit(out, sub, static_cast<intmax_t>(v)); break;
+   case Len::kZ: Emit(out, sub, static_cast<size_t>(v)); break;
+   case Len::kT: Emit(out, sub, static_cast<ptrdiff_t>(v)); break;
+   default: Emit(out, sub, static_cast<int>(v)); break;
+   }
+}
+
+bool EmitString(Reader &r, const std::string &sub, bool wide, std::string *out) {
+   uint32_t n = 0;
+   if (!r.Get(&n, sizeof n)) {
+      return false;
+   }
+   if (n == 0xffffffffu) {
+      Emit(out, sub, static_cast<const char *>(nullptr));  // glibc prints "(null)"
+      return true;
+   }
+   if (wide) {
+      std::wstring w(n, L'\0');
+      if (!r.Get(w.data(), n * sizeof(wchar_t))) {
+         return false;
+      }
+      Emit(out, sub, w.c_str());
+      return true;
+   }
+   std::string s(n, '\0');
+   if (!r.Get(s.data(), n)) {
+      return false;
+   }
+   Emit(out, sub, s.c_str());
+   return true;
+}
+
+bool EmitValue(Reader &r, const Spec &s, const std::string &sub, std::string *out) {
+   uint64_t v = 0;
+   if (IsIntConv(s.conv)) {
+      if (!r.Get(&v, sizeof v)) {
+         return false;
+      }
+      EmitInt(out, sub, s.len, v);
+   } else if (IsWideChar(s) || s.conv == 'c') {
+      if (!r.Get(&v, sizeof v)) {
+         return false;
+      }
+      if (IsWideChar(s)) {
+         Emit(out, sub, static_cast<wint_t>(v));
+      } else {
+         Emit(out, sub, static_cast<int>(v));
+      }
+   } else if (s.conv == 's' || s.conv == 'S') {
+      return EmitString(r, sub, IsWideStr(s), out);
+   } else if (s.conv == 'p') {
+      if (!r.Get(&v, sizeof v)) {
+         return false;
+      }
+      Emit(out, sub, reinterpret_cast<void *>(static_cast<uintptr_t>(v)));
+   } else if (s.conv == 'n') {
+      return true;
+   } else if (s.len == Len::kBigL) {
+      long double d;
+      if (!r.Get(&d, sizeof d)) {
+         return false;
+      }
+      Emit(out, sub, d);
+   } else {
+      double d;
+      if (!r.Get(&d, sizeof d)) {
+         return false;
+      }
+      Emit(out, sub, d);
+   }
+   return true;
+}
+
+// Rebuilds the conversion with every '*' replaced by its captured value.
+bool BuildSub(Reader &r, const Spec &s, std::string *sub) {
+   sub->clear();
+   for (const char *q = s.begin; q < s.end; q++) {
+      if (*q != '*') {
+         sub->push_back(*q);
+         continue;
+      }
+      uint64_t v = 0;
+      if (!r.Get(&v, sizeof v)) {
+         return false;
+      }
+      int n = static_cast<int>(static_cast<int64_t>(v));
+      bool isPrec = q > s.begin && q[-1] == '.';
+      if (isPrec && n < 0) {
+         sub->pop_back();  // a negative precision means none: drop the '.'
+         continue;
+      }
+      *sub += std::to_string(n);
+   }
+   return true;
+}
+
+}  // namespace
+
+void Capture(const char *fmt, va_list ap, std::string *out) {
+   VaBox va;
+   va_copy(va.ap, ap);
+   for (const char *p = strchr(fmt, '%'); p != nullptr; p = strchr(p, '%')) {
+      Spec s;
+      if (!ParseSpec(p, &s)) {
+         break;
+      }
+      p = s.end;
+      if (s.conv == '%') {
+         continue;
+      }
+      if (s.starWidth) {
+         Put64(out, TakeInt(va, Len::kNone));
+      }
+      int prec = s.prec;
+      if (s.starPrec) {
+         prec = va_arg(va.ap, int);
+         Put64(out, static_cast<uint64_t>(static_cast<int64_t>(prec)));
+      }
+      TakeValue(va, s, prec, out);
+   }
+   va_end(va.ap);
+}
+
+std::string Render(const char *fmt, std::string_view captured) {
+   std::string out;
+   std::string sub;
+   Reader r{captured};
+   const char *p = fmt;
+   while (*p != '\0') {
+      const char *pct = strchr(p, '%');
+      if (pct == nullptr) {
+         out.append(p);
+         break;
+      }
+      out.append(p, static_cast<size_t>(pct - p));
+      Spec s;
+      if (!ParseSpec(pct, &s)) {
+         out.append(pct);
+         break;
+      }
+      p = s.end;
+      if (s.conv == '%') {
+         out.push_back('%');
+         continue;
+      }
+      if (!BuildSub(r, s, &sub) || !EmitValue(r, s, sub, &out)) {
+         out.append("<truncated>");
+         break;
+      }
+   }
+   return out;
+}
+
+}  // namespace hyksim::logfmt

@@ -1,0 +1,24 @@
+// log_format.h -- deferred printf: capture a call's arguments now, format
+// them later on the logger thread.
+//
+// Logging sits on per-port hot paths, so the caller only walks the format's
+// conversions and copies the raw argument values (and the bytes of every %s
+// string, which may change or vanish after the call) into a byte record.  The
+// logger thread replays the record against the same format.  The format
+// pointer itself is kept, which is why a module's lines must be formatted
+// before its object is closed.
+#pragma once
+
+#include <cstdarg>
+#include <string>
+#include <string_view>
+
+namespace hyksim::logfmt {
+
+// Appends the arguments `fmt` consumes from `ap` to *out.
+void Capture(const char *fmt, va_list ap, std::string *out);
+
+// Formats `fmt` with arguments captured by Capture.
+std::string Render(const char *fmt, std::string_view captured);
+
+}  // namespace hyksim::logfmt

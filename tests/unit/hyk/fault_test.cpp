@@ -1,0 +1,227 @@
+// fault_test.cpp -- fault injection (by name, nth call, every call, seeded
+// probability, count limit) and the host-call trace.
+#include <vector>
+
+#include "hyk_test_support.h"
+
+namespace {
+
+using hyktest::HostTest;
+
+class FaultTest : public HostTest {
+  protected:
+   hyk_Status CreateHeap() {
+      hyk_HeapProps props = {"h", 0, 0, 100};
+      hyk_HeapID heap = 0;
+      return hyk_HeapCreate(&props, &heap);
+   }
+   // The pattern of failures of `n` heap creations, as a string of 'x'/'.'.
+   std::string Pattern(int n) {
+      std::string out;
+      for (int i = 0; i < n; i++) {
+         out += CreateHeap() == HYK_OK ? '.' : 'x';
+      }
+      return out;
+   }
+};
+
+TEST_F(FaultTest, NthCallFailsWithTheChosenStatus) {
+   EXPECT_EQ(CreateHeap(), HYK_OK);  // calls before injection do not count
+   hyksim::FaultSpec spec;
+   spec.op = "hyk_HeapCreate";
+   spec.nth = 3;
+   spec.status = HYK_NO_MEMORY;
+   hyksim::InjectFault(spec);
+   EXPECT_EQ(CreateHeap(), HYK_OK);
+   EXPECT_EQ(CreateHeap(), HYK_OK);
+   EXPECT_EQ(CreateHeap(), HYK_NO_MEMORY);
+   EXPECT_EQ(CreateHeap(), HYK_OK);
+   EXPECT_EQ(hyksim::InjectedFaultCount("hyk_HeapCreate"), 1u);
+   EXPECT_EQ(hyksim::InjectedFaultCount(), 1u);
+   EXPECT_EQ(hyksim::CallCount("hyk_HeapCreate"), 5u);
+   EXPECT_EQ(hyksim::Counts().heaps, 4u);
+   // Counted since host start, so the log names the 4th call overall.
+   EXPECT_TRUE(
+      hyksim::LogContains("hyk: injected failure of hyk_HeapCreate (call 4): Out of memory"));
+}
+
+TEST_F(FaultTest, OnlyTheNamedOperationFails) {
+   hyksim::FaultSpec spec;
+   spec.op = "hyk_LockDomainCreate";
+   spec.every = true;
+   hyksim::InjectFault(spec);
+   EXPECT_EQ(CreateHeap(), HYK_OK);
+   hyk_LockDomainID d;
+   EXPECT_EQ(hyk_LockDomainCreate("d", 0, 0, &d), HYK_FAILURE);
+   EXPECT_EQ(hyksim::Counts().lockDomains, 0u);
+}
+
+TEST_F(FaultTest, EveryCallFailsUpToTheCount) {
+   hyksim::FaultSpec spec;
+   spec.op = "hyk_HeapCreate";
+   spec.every = true;
+   spec.count = 2;
+   hyksim::InjectFault(spec);
+   EXPECT_EQ(Pattern(4), "xx..");
+   hyksim::FaultSpec unlimited = spec;
+   unlimited.count = 0;
+   hyksim::InjectFault(unlimited);
+   EXPECT_EQ(Pattern(3), "xxx");
+   hyksim::ClearFaults();
+   EXPECT_EQ(Pattern(2), "..");
+}
+
+TEST_F(FaultTest, ProbabilityIsReproducibleFromTheSeed) {
+   hyksim::FaultSpec spec;
+   spec.op = "hyk_HeapCreate";
+   spec.probability = 0.5;
+   spec.seed = 1234;
+   hyksim::InjectFault(spec);
+   std::string first = Pattern(64);
+   hyksim::HostStart();
+   hyksim::InjectFault(spec);
+   std::string second = Pattern(64);
+   EXPECT_EQ(first, second);
+   size_t fails = std::count(first.begin(), first.end(), 'x');
+   EXPECT_GT(fails, 16u);
+   EXPECT_LT(fails, 48u);
+   hyksim::HostStart();
+   spec.seed = 99;
+   hyksim::InjectFault(spec);
+   EXPECT_NE(Pattern(64), first);
+}
+
+TEST_F(FaultTest, ProbabilityRespectsTheCount) {
+   hyksim::FaultSpec spec;
+   spec.op = "hyk_HeapCreate";
+   spec.probability = 1.0;
+   spec.count = 3;
+   hyksim::InjectFault(spec);
+   EXPECT_EQ(Pattern(5), "xxx..");
+}
+
+TEST_F(FaultTest, AllocationFaultGivesNull) {
+   hyk_HeapProps props = {"h", 0, 0, 100};
+   hyk_HeapID heap;
+   ASSERT_EQ(hyk_HeapCreate(&props, &heap), HYK_OK);
+   hyksim::FaultSpec spec;
+   spec.op = "hyk_HeapAllocWithRA";
+   spec.nth = 2;
+   hyksim::InjectFault(spec);
+   void *a = hyk_HeapAlloc(heap, 8);
+   EXPECT_NE(a, nullptr);
+   EXPECT_EQ(hyk_HeapAlloc(heap, 8), nullptr);
+   hyk_HeapStats st;
+   hyk_HeapGetStats(heap, &st);
+   EXPECT_EQ(st.failedAllocations, 1u);
+   hyk_HeapFree(heap, a);
+}
+
+TEST_F(FaultTest, SpecThatNamesNoCallIsIgnored) {
+   hyksim::FaultSpec spec;
+   spec.op = "hyk_HeapCreate";
+   hyksim::InjectFault(spec);
+   EXPECT_EQ(Pattern(3), "...");
+   EXPECT_TRUE(hyksim::LogContains("fault spec for hyk_HeapCreate ignored"));
+}
+
+TEST_F(FaultTest, EveryFallibleOperationHasAFaultPoint) {
+   // One call of each; each must fail with the injected status.
+   const hyk_Status kInjected = HYK_NO_RESOURCES;
+   for (const char *op : {"hyk_HeapCreate", "hyk_HeapDestroy", "hyk_HeapGetStats",
+                          "hyk_LogRegister", "hyk_LogUnregister", "hyk_LogSetLevel",
+                          "hyk_TimerQueueCreate", "hyk_TimerQueueDestroy", "hyk_TimerAdd",
+                          "hyk_TimerCancel", "hyk_LockDomainCreate", "hyk_LockDomainDestroy",
+                          "hyk_SpinlockCreate", "hyk_RWSpinlockCreate", "hyk_SpinlockDestroy",
+                          "hyk_RWSpinlockDestroy", "hyk_WorldCreate", "hyk_WorldWaitForDeath",
+                          "hyk_WorldSleep", "hyk_ModuleGetName", "hyk_ModuleIncUseCount",
+                          "hyk_ModuleDecUseCount", "hyk_NameInitialize"}) {
+      hyksim::FaultSpec spec;
+      spec.op = op;
+      spec.every = true;
+      spec.status = kInjected;
+      hyksim::InjectFault(spec);
+   }
+   hyk_HeapProps hp = {"h", 0, 0, 1};
+   hyk_HeapID heap;
+   hyk_HeapStats hs;
+   hyk_LogProps lp = {"l", 1, 0, 0};
+   hyk_LogHandle log;
+   hyk_TimerQueue q;
+   hyk_LockDomainID d;
+   hyk_SpinlockID l;
+   hyk_WorldProps wp = {"w", 1, [](void *) -> hyk_Status { return HYK_OK; }, nullptr, 100, 0};
+   hyk_WorldID w;
+   char buf[8];
+   hyk_Name name;
+   EXPECT_EQ(hyk_HeapCreate(&hp, &heap), kInjected);
+   EXPECT_EQ(hyk_HeapDestroy(1), kInjected);
+   EXPECT_EQ(hyk_HeapGetStats(1, &hs), kInjected);
+   EXPECT_EQ(hyk_LogRegister(&lp, &log), kInjected);
+   EXPECT_EQ(hyk_LogUnregister(1), kInjected);
+   EXPECT_EQ(hyk_LogSetLevel(1, 1), kInjected);
+   EXPECT_EQ(hyk_TimerQueueCreate("q", 0, 0, &q), kInjected);
+   EXPECT_EQ(hyk_TimerQueueDestroy(1), kInjected);
+   EXPECT_EQ(hyk_TimerAdd(1, nullptr, nullptr, 1, 0, 0, 0, nullptr), kInjected);
+   EXPECT_EQ(hyk_TimerCancel(1, 1), kInjected);
+   EXPECT_EQ(hyk_LockDomainCreate("d", 0, 0, &d), kInjected);
+   EXPECT_EQ(hyk_LockDomainDestroy(1), kInjected);
+   EXPECT_EQ(hyk_SpinlockCreate("l", 1, 1, &l), kInjected);
+   EXPECT_EQ(hyk_RWSpinlockCreate("l", 1, 1, &l), kInjected);
+   EXPECT_EQ(hyk_SpinlockDestroy(1), kInjected);
+   EXPECT_EQ(hyk_RWSpinlockDestroy(1), kInjected);
+   EXPECT_EQ(hyk_WorldCreate(&wp, &w), kInjected);
+   EXPECT_EQ(hyk_WorldWaitForDeath(1), kInjected);
+   EXPECT_EQ(hyk_WorldSleep(1), kInjected);
+   EXPECT_EQ(hyk_ModuleGetName(1, buf, sizeof buf), kInjected);
+   EXPECT_EQ(hyk_ModuleIncUseCount(1), kInjected);
+   EXPECT_EQ(hyk_ModuleDecUseCount(1), kInjected);
+   EXPECT_EQ(hyk_NameInitialize(&name, "n"), kInjected);
+   EXPECT_EQ(hyksim::InjectedFaultCount(), 23u);
+   hyksim::FaultSpec getId;
+   getId.op = "hyk_ModuleGetID";
+   getId.every = true;
+   hyksim::InjectFault(getId);
+   hyksim::InProcessModule m{"present", {}, {}, {}};
+   hyksim::ClearFaults();
+   hyk_ModuleID id;
+   ASSERT_EQ(hyksim::LoadInProcessModule(m, &id), HYK_OK);
+   hyksim::InjectFault(getId);
+   EXPECT_EQ(hyk_ModuleGetID("present"), HYK_INVALID_MODULE_ID);
+   EXPECT_EQ(hyksim::Counts().heaps + hyksim::Counts().timerQueues + hyksim::Counts().worlds, 0u);
+}
+
+TEST_F(FaultTest, TraceListsCallsInOrder) {
+   hyk_HeapProps props = {"h", 0, 0, 100};
+   hyk_HeapID heap;
+   hyk_HeapCreate(&props, &heap);  // before tracing: not in the trace
+   hyksim::TraceEnable(true);
+   hyk_HeapAlloc(heap, 8);
+   hyk_LockDomainID d;
+   hyk_LockDomainCreate("d", 0, 0, &d);
+   hyk_HeapDestroy(heap);
+   hyksim::TraceEnable(false);
+   hyk_LockDomainDestroy(d);
+   std::vector<std::string> expect = {"hyk_HeapAllocWithRA", "hyk_LockDomainCreate",
+                                      "hyk_HeapDestroy"};
+   EXPECT_EQ(hyksim::Trace(), expect);
+   hyksim::TraceClear();
+   EXPECT_TRUE(hyksim::Trace().empty());
+   auto counts = hyksim::CallCounts();
+   EXPECT_EQ(counts["hyk_HeapCreate"], 1u);
+   EXPECT_EQ(counts["hyk_LockDomainDestroy"], 1u);
+}
+
+TEST_F(FaultTest, HostStartForgetsFaultsAndCounts) {
+   hyksim::FaultSpec spec;
+   spec.op = "hyk_HeapCreate";
+   spec.every = true;
+   hyksim::InjectFault(spec);
+   EXPECT_EQ(CreateHeap(), HYK_FAILURE);
+   hyksim::HostStart();
+   EXPECT_EQ(hyksim::CallCount("hyk_HeapCreate"), 0u);
+   EXPECT_EQ(hyksim::InjectedFaultCount(), 0u);
+   EXPECT_EQ(CreateHeap(), HYK_OK);
+}
+
+}  // namespace

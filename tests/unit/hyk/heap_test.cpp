@@ -1,0 +1,165 @@
+// heap_test.cpp -- heaps: creation rules, the maximum size, accounting, the
+// live-allocation report and the panics on bad frees.
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "hyk_test_support.h"
+
+namespace {
+
+using hyktest::HostTest;
+
+class HeapTest : public HostTest {
+  protected:
+   hyk_HeapID Create(const char *name, uint32_t initial, uint32_t max) {
+      hyk_HeapProps props = {name, HYK_INVALID_MODULE_ID, initial, max};
+      hyk_HeapID heap = 0;
+      EXPECT_EQ(hyk_HeapCreate(&props, &heap), HYK_OK);
+      EXPECT_NE(heap, 0u);
+      return heap;
+   }
+};
+
+TEST_F(HeapTest, CreateRefusesBadProperties) {
+   hyk_HeapID heap = 0;
+   hyk_HeapProps inverted = {"inverted", 0, 2000, 1000};
+   EXPECT_EQ(hyk_HeapCreate(&inverted, &heap), HYK_BAD_PARAM);
+   hyk_HeapProps unnamed = {"", 0, 0, 1000};
+   EXPECT_EQ(hyk_HeapCreate(&unnamed, &heap), HYK_BAD_PARAM);
+   std::string longName(HYK_NAME_LEN, 'x');
+   hyk_HeapProps tooLong = {longName.c_str(), 0, 0, 1000};
+   EXPECT_EQ(hyk_HeapCreate(&tooLong, &heap), HYK_NAME_TOO_LONG);
+   EXPECT_EQ(hyk_HeapCreate(nullptr, &heap), HYK_BAD_PARAM);
+   EXPECT_EQ(heap, 0u);
+   EXPECT_EQ(hyksim::Counts().heaps, 0u);
+}
+
+TEST_F(HeapTest, AllocationFailsAtTheLimit) {
+   hyk_HeapID heap = Create("limited", 16, 100);
+   void *a = hyk_HeapAlloc(heap, 60);
+   ASSERT_NE(a, nullptr);
+   EXPECT_EQ(hyk_HeapAlloc(heap, 41), nullptr);
+   void *b = hyk_HeapAlloc(heap, 40);
+   ASSERT_NE(b, nullptr);
+   EXPECT_EQ(hyk_HeapAlloc(heap, 1), nullptr);
+   hyk_HeapFree(heap, a);
+   void *c = hyk_HeapAlloc(heap, 60);
+   EXPECT_NE(c, nullptr);
+   hyk_HeapStats st;
+   ASSERT_EQ(hyk_HeapGetStats(heap, &st), HYK_OK);
+   EXPECT_EQ(st.bytesInUse, 100u);
+   EXPECT_EQ(st.liveAllocations, 2u);
+   EXPECT_EQ(st.peakBytes, 100u);
+   EXPECT_EQ(st.maxSize, 100u);
+   EXPECT_EQ(st.failedAllocations, 2u);
+   hyk_HeapFree(heap, b);
+   hyk_HeapFree(heap, c);
+   EXPECT_EQ(hyk_HeapDestroy(heap), HYK_OK);
+   EXPECT_TRUE(hyksim::LeakReports().empty());
+}
+
+TEST_F(HeapTest, ZeroSizeAndInvalidHeapGiveNull) {
+   hyk_HeapID heap = Create("h", 0, 100);
+   EXPECT_EQ(hyk_HeapAlloc(heap, 0), nullptr);
+   EXPECT_EQ(hyk_HeapAlloc(heap + 1000, 8), nullptr);
+   hyk_HeapFree(heap, nullptr);  // ignored
+   hyk_HeapStats st;
+   EXPECT_EQ(hyk_HeapGetStats(heap + 1000, &st), HYK_INVALID_HANDLE);
+   EXPECT_EQ(hyk_HeapGetStats(heap, nullptr), HYK_BAD_PARAM);
+   EXPECT_EQ(hyk_HeapDestroy(heap + 1000), HYK_INVALID_HANDLE);
+}
+
+TEST_F(HeapTest, MemoryIsUsableAndAligned) {
+   hyk_HeapID heap = Create("h", 0, 1 << 20);
+   auto *p = static_cast<char *>(hyk_HeapAlloc(heap, 1000));
+   ASSERT_NE(p, nullptr);
+   EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u);
+   memset(p, 0x5a, 1000);
+   EXPECT_EQ(p[999], 0x5a);
+   hyk_HeapFree(heap, p);
+}
+
+TEST_F(HeapTest, DestroyReportsLiveAllocations) {
+   hyk_HeapID heap = Create("leaky", 0, 1000);
+   void *kept = hyk_HeapAlloc(heap, 24);
+   ASSERT_NE(kept, nullptr);
+   ASSERT_NE(hyk_HeapAlloc(heap, 8), nullptr);
+   void *freed = hyk_HeapAlloc(heap, 100);
+   hyk_HeapFree(heap, freed);
+   EXPECT_EQ(hyk_HeapDestroy(heap), HYK_OK);
+   auto reports = hyksim::LeakReports();
+   ASSERT_EQ(reports.size(), 1u);
+   EXPECT_EQ(reports[0].heap, "leaky");
+   EXPECT_EQ(reports[0].bytes, 32u);
+   EXPECT_EQ(reports[0].allocations, 2u);
+   EXPECT_TRUE(hyksim::LogContains("heap leaky destroyed with 2 live allocations (32 bytes)"));
+   EXPECT_EQ(hyksim::LogCount("heap leaky: "), 2u);
+   // The caller recorded is this test body, named by the loader's symbols.
+   EXPECT_TRUE(hyksim::LogContains("24 bytes at"));
+   EXPECT_EQ(hyksim::Counts().heaps, 0u);
+}
+
+TEST_F(HeapTest, ViewsShowAccounting) {
+   hyk_HeapID heap = Create("viewed", 10, 500);
+   void *p = hyk_HeapAlloc(heap, 50);
+   auto v = hyksim::FindHeap("viewed");
+   ASSERT_TRUE(v.has_value());
+   EXPECT_EQ(v->id, heap);
+   EXPECT_EQ(v->initialSize, 10u);
+   EXPECT_EQ(v->maxSize, 500u);
+   EXPECT_EQ(v->bytesInUse, 50u);
+   EXPECT_EQ(v->liveAllocations, 1u);
+   EXPECT_FALSE(hyksim::FindHeap("other").has_value());
+   hyk_HeapFree(heap, p);
+}
+
+TEST_F(HeapTest, ConcurrentAllocationsRespectTheLimit) {
+   hyk_HeapID heap = Create("shared", 0, 64 * 100);
+   std::vector<std::thread> threads;
+   std::atomic<int> got{0};
+   for (int t = 0; t < 4; t++) {
+      threads.emplace_back([&] {
+         for (int i = 0; i < 100; i++) {
+            if (hyk_HeapAlloc(heap, 64) != nullptr) {
+               got++;
+            }
+         }
+      });
+   }
+   for (auto &t : threads) {
+      t.join();
+   }
+   EXPECT_EQ(got.load(), 100);
+   hyk_HeapStats st;
+   ASSERT_EQ(hyk_HeapGetStats(heap, &st), HYK_OK);
+   EXPECT_EQ(st.bytesInUse, 6400u);
+   EXPECT_EQ(st.failedAllocations, 300u);
+   hyk_HeapDestroy(heap);
+   ASSERT_EQ(hyksim::LeakReports().size(), 1u);
+   EXPECT_EQ(hyksim::LeakReports()[0].allocations, 100u);
+}
+
+TEST_F(HeapTest, DoubleFreePanics) {
+   hyk_HeapID heap = Create("h", 0, 1000);
+   void *p = hyk_HeapAlloc(heap, 16);
+   hyk_HeapFree(heap, p);
+   EXPECT_DEATH(hyk_HeapFree(heap, p), "double free");
+}
+
+TEST_F(HeapTest, FreeToTheWrongHeapPanics) {
+   hyk_HeapID a = Create("heap_a", 0, 1000);
+   hyk_HeapID b = Create("heap_b", 0, 1000);
+   void *p = hyk_HeapAlloc(a, 16);
+   EXPECT_DEATH(hyk_HeapFree(b, p), "freed to heap heap_b but allocated from heap heap_a");
+   hyk_HeapFree(a, p);
+}
+
+TEST_F(HeapTest, FreeOfForeignMemoryPanics) {
+   hyk_HeapID heap = Create("h", 0, 1000);
+   int local = 0;
+   EXPECT_DEATH(hyk_HeapFree(heap, &local), "never allocated from heap h");
+}
+
+}  // namespace

@@ -15,17 +15,17 @@ namespace hyksim::fabric {
 namespace {
 
 bool IsVnic(const Port &p) {
-   return p.spec.clientType == HYK_PORT_CLIENT_VNIC;
+   return p.desc.clientType == HYK_PORT_CLIENT_VNIC;
 }
 
 PortView ViewOf(const Port &p, uint64_t now) {
    PortView v;
    v.id = p.id;
    v.portset = p.portset;
-   v.spec = p.spec;
-   v.spec.properties.clear();
+   v.desc = p.desc;
+   v.desc.properties.clear();
    for (const auto &[key, bytes] : p.props) {
-      v.spec.properties[key] = std::string(bytes.begin(), bytes.end() - 1);
+      v.desc.properties[key] = std::string(bytes.begin(), bytes.end() - 1);
    }
    v.blockReasons = p.reasons;
    v.passesTraffic = p.reasons == 0;
@@ -83,9 +83,9 @@ namespace hyksim {
 using fabric::Topo;
 using fabric::Topology;
 
-hyk_Status AddPort(const std::string &portset, const PortSpec &spec, hyk_PortID *portID) {
-   if (portID == nullptr || spec.vmUUID.size() >= HYK_UUID_LEN ||
-       spec.fabricPortID.size() >= HYK_FABRIC_PORT_ID_LEN) {
+hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID *portID) {
+   if (portID == nullptr || desc.vmUUID.size() >= HYK_UUID_LEN ||
+       desc.fabricPortID.size() >= HYK_FABRIC_PORT_ID_LEN) {
       return HYK_BAD_PARAM;
    }
    Topology &t = Topo();
@@ -97,8 +97,8 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &spec, hyk_PortID 
    fabric::Port port;
    port.id = t.nextPort++;
    port.portset = portset;
-   port.spec = spec;
-   for (const auto &[key, value] : spec.properties) {
+   port.desc = desc;
+   for (const auto &[key, value] : desc.properties) {
       port.props[key] = fabric::Stored(value.data(), static_cast<uint32_t>(value.size()));
    }
    if (fabric::IsVnic(port)) {
@@ -126,7 +126,7 @@ hyk_Status RemovePort(hyk_PortID portID) {
 
 hyk_Status EnablePort(hyk_PortID portID) {
    hyk_Status status = fabric::WithPort(portID, [](fabric::Port &p) -> hyk_Status {
-      p.spec.enabled = true;
+      p.desc.enabled = true;
       return HYK_OK;
    });
    if (status != HYK_OK) {
@@ -137,7 +137,7 @@ hyk_Status EnablePort(hyk_PortID portID) {
 
 hyk_Status DisablePort(hyk_PortID portID) {
    return fabric::WithPort(portID, [](fabric::Port &p) -> hyk_Status {
-      p.spec.enabled = false;
+      p.desc.enabled = false;
       return HYK_OK;
    });
 }
@@ -188,7 +188,7 @@ hyk_Status hyk_PortGetClientType(hyk_PortID portID, uint32_t *clientType) {
       return HYK_BAD_PARAM;
    }
    return WithPort(portID, [&](Port &p) -> hyk_Status {
-      *clientType = p.spec.clientType;
+      *clientType = p.desc.clientType;
       return HYK_OK;
    });
 }
@@ -202,7 +202,7 @@ hyk_Status hyk_PortGetVMUUID(hyk_PortID portID, char *uuid, uint32_t len) {
       if (!hyksim::fabric::IsVnic(p)) {
          return HYK_NOT_SUPPORTED;
       }
-      return hyksim::fabric::CopyBounded(p.spec.vmUUID, uuid, len);
+      return hyksim::fabric::CopyBounded(p.desc.vmUUID, uuid, len);
    });
 }
 
@@ -231,7 +231,7 @@ hyk_Status hyk_VNICIndexGet(hyk_VNICHandle vnic, uint32_t *index) {
    if (it == t.vnics.end()) {
       return HYK_INVALID_HANDLE;
    }
-   *index = t.ports.at(it->second).spec.vnicIndex;
+   *index = t.ports.at(it->second).desc.vnicIndex;
    return HYK_OK;
 }
 
@@ -243,7 +243,7 @@ hyk_Status hyk_PortLookupFabricPortID(hyk_PortID portID, char *fabricPortID, uin
       return HYK_BAD_PARAM;
    }
    return WithPort(portID, [&](Port &p) -> hyk_Status {
-      return hyksim::fabric::CopyBounded(p.spec.fabricPortID, fabricPortID, len);
+      return hyksim::fabric::CopyBounded(p.desc.fabricPortID, fabricPortID, len);
    });
 }
 
@@ -253,7 +253,7 @@ hyk_Status hyk_FabricPortFlagIsSet(hyk_PortID portID, uint32_t flag, uint8_t *is
       return HYK_BAD_PARAM;
    }
    return WithPort(portID, [&](Port &p) -> hyk_Status {
-      *isSet = (p.spec.flags & flag) == flag ? 1 : 0;
+      *isSet = (p.desc.flags & flag) == flag ? 1 : 0;
       return HYK_OK;
    });
 }

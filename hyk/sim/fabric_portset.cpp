@@ -248,14 +248,14 @@ namespace hyksim {
 using fabric::Topo;
 using fabric::Topology;
 
-hyk_Status AddPortset(const PortsetSpec &spec) {
-   if (spec.name.empty() || spec.name.size() >= HYK_PORTSET_NAME_LEN ||
-       spec.className.size() >= HYK_CLASS_NAME_LEN) {
+hyk_Status AddPortset(const PortsetSpec &desc) {
+   if (desc.name.empty() || desc.name.size() >= HYK_PORTSET_NAME_LEN ||
+       desc.className.size() >= HYK_CLASS_NAME_LEN) {
       return HYK_BAD_PARAM;
    }
    hyk_ModuleID classModule = HYK_INVALID_MODULE_ID;
-   if (!spec.classModule.empty()) {
-      auto m = FindModule(spec.classModule);
+   if (!desc.classModule.empty()) {
+      auto m = FindModule(desc.classModule);
       if (!m) {
          return HYK_MODULE_NOT_LOADED;
       }
@@ -263,16 +263,16 @@ hyk_Status AddPortset(const PortsetSpec &spec) {
    }
    Topology &t = Topo();
    std::lock_guard<std::mutex> lk(t.mu);
-   if (t.portsets.count(spec.name) != 0) {
+   if (t.portsets.count(desc.name) != 0) {
       return HYK_EXISTS;
    }
    auto ps = std::make_shared<fabric::Portset>();
-   ps->name = spec.name;
-   ps->className = spec.className;
+   ps->name = desc.name;
+   ps->className = desc.className;
    ps->classModule = classModule;
-   ps->fabricVersion = spec.fabricVersion;
-   ps->fastDatapath = spec.fastDatapath;
-   t.portsets.emplace(spec.name, std::move(ps));
+   ps->fabricVersion = desc.fabricVersion;
+   ps->fastDatapath = desc.fastDatapath;
+   t.portsets.emplace(desc.name, std::move(ps));
    return HYK_OK;
 }
 

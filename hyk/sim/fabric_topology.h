@@ -23,7 +23,7 @@ namespace hyksim::fabric {
 struct Port {
    hyk_PortID id = 0;
    std::string portset;
-   PortSpec spec;                // spec.properties is rebuilt from `props` for views
+   PortSpec desc;                // desc.properties is rebuilt from `props` for views
    // Property values with a trailing NUL the length leaves out; the host
    // hands out pointers into these, valid until the property changes.
    std::map<std::string, std::vector<uint8_t>> props;

@@ -1,8 +1,8 @@
 // fault.cpp -- fault injection and the host-call trace.
 //
 // Every fallible hyk_ operation calls FaultCheck first.  It counts the call,
-// appends it to the trace when tracing is on, and asks the injected fault
-// specs whether this call fails.  A sweep driver runs a scenario once to
+// appends it to the trace when tracing is on, and asks the injected
+// faults whether this call fails.  A sweep driver runs a scenario once to
 // count the calls, then again failing call k for every k; each injected
 // failure is logged by the host and passes through hyksim_FaultInjected, the
 // function to put a breakpoint on.
@@ -29,10 +29,10 @@ struct StringHash {
 };
 
 struct ActiveSpec {
-   FaultSpec spec;
-   uint64_t seen = 0;     // calls of spec.op since injection
-   uint64_t failed = 0;   // failures this spec has injected
-   uint64_t rng = 0;      // splitmix64 state for probability specs
+   FaultSpec desc;
+   uint64_t seen = 0;     // calls of desc.op since injection
+   uint64_t failed = 0;   // failures this fault has injected
+   uint64_t rng = 0;      // splitmix64 state for probability faults
 };
 
 struct OpCounters {
@@ -43,7 +43,7 @@ struct OpCounters {
 struct FaultState {
    std::mutex mu;
    std::unordered_map<std::string, OpCounters, StringHash, std::equal_to<>> ops;
-   std::vector<ActiveSpec> specs;
+   std::vector<ActiveSpec> descs;
    uint64_t injectedTotal = 0;
    bool tracing = false;
    std::vector<std::string> trace;
@@ -61,21 +61,21 @@ uint64_t SplitMix64(uint64_t *s) {
    return z ^ (z >> 31);
 }
 
-bool UnderLimit(const ActiveSpec &a) { return a.spec.count == 0 || a.failed < a.spec.count; }
+bool UnderLimit(const ActiveSpec &a) { return a.desc.count == 0 || a.failed < a.desc.count; }
 
-// Decides whether this call of a.spec.op fails.  Every matching spec sees
-// every call, so an nth count is not disturbed by another spec on the op.
+// Decides whether this call of a.desc.op fails.  Every matching desc sees
+// every call, so an nth count is not disturbed by another desc on the op.
 bool SpecFires(ActiveSpec &a) {
    a.seen++;
-   if (a.spec.nth != 0) {
-      return a.seen == a.spec.nth;
+   if (a.desc.nth != 0) {
+      return a.seen == a.desc.nth;
    }
-   if (a.spec.every) {
+   if (a.desc.every) {
       return UnderLimit(a);
    }
-   if (a.spec.probability > 0.0) {
+   if (a.desc.probability > 0.0) {
       double draw = static_cast<double>(SplitMix64(&a.rng) >> 11) * 0x1.0p-53;
-      return draw < a.spec.probability && UnderLimit(a);
+      return draw < a.desc.probability && UnderLimit(a);
    }
    return false;
 }
@@ -102,11 +102,11 @@ bool FaultCheck(const char *op, hyk_Status *status) {
       if (s.tracing) {
          s.trace.emplace_back(op);
       }
-      for (ActiveSpec &a : s.specs) {
-         if (a.spec.op == op && SpecFires(a) && !fire) {
+      for (ActiveSpec &a : s.descs) {
+         if (a.desc.op == op && SpecFires(a) && !fire) {
             fire = true;
             a.failed++;
-            chosen = a.spec.status;
+            chosen = a.desc.status;
          }
       }
       if (fire) {
@@ -124,21 +124,21 @@ bool FaultCheck(const char *op, hyk_Status *status) {
    return true;
 }
 
-void InjectFault(const FaultSpec &spec) {
-   if (spec.nth == 0 && !spec.every && spec.probability <= 0.0) {
-      HostLog("fault spec for %s ignored: it names no call to fail", spec.op.c_str());
+void InjectFault(const FaultSpec &desc) {
+   if (desc.nth == 0 && !desc.every && desc.probability <= 0.0) {
+      HostLog("fault desc for %s ignored: it names no call to fail", desc.op.c_str());
       return;
    }
    ActiveSpec a;
-   a.spec = spec;
-   a.rng = spec.seed;
+   a.desc = desc;
+   a.rng = desc.seed;
    std::lock_guard<std::mutex> lk(State().mu);
-   State().specs.push_back(a);
+   State().descs.push_back(a);
 }
 
 void ClearFaults() {
    std::lock_guard<std::mutex> lk(State().mu);
-   State().specs.clear();
+   State().descs.clear();
 }
 
 uint64_t InjectedFaultCount(const std::string &op) {
@@ -189,7 +189,7 @@ void FaultsReset() {
    FaultState &s = State();
    std::lock_guard<std::mutex> lk(s.mu);
    s.ops.clear();
-   s.specs.clear();
+   s.descs.clear();
    s.injectedTotal = 0;
    s.tracing = false;
    s.trace.clear();

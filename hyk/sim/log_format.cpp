@@ -19,7 +19,7 @@ namespace {
 
 enum class Len : uint8_t { kNone, kHH, kH, kL, kLL, kJ, kZ, kT, kBigL };
 
-struct Spec {
+struct Conversion {
    const char *begin = nullptr;  // the '%'
    const char *end = nullptr;    // one past the conversion character
    bool starWidth = false;
@@ -58,7 +58,7 @@ const char *ParseLength(const char *q, Len *len) {
 
 // Parses the conversion at p (which points at '%').  false for a malformed
 // or positional conversion.
-bool ParseSpec(const char *p, Spec *s) {
+bool ParseSpec(const char *p, Conversion *s) {
    s->begin = p;
    const char *q = p + 1;
    while (*q != '\0' && strchr("-+ #0'I", *q) != nullptr) {
@@ -99,8 +99,8 @@ bool ParseSpec(const char *p, Spec *s) {
 }
 
 bool IsIntConv(char c) { return strchr("diouxX", c) != nullptr; }
-bool IsWideChar(const Spec &s) { return s.conv == 'C' || (s.conv == 'c' && s.len == Len::kL); }
-bool IsWideStr(const Spec &s) { return s.conv == 'S' || (s.conv == 's' && s.len == Len::kL); }
+bool IsWideChar(const Conversion &s) { return s.conv == 'C' || (s.conv == 'c' && s.len == Len::kL); }
+bool IsWideStr(const Conversion &s) { return s.conv == 'S' || (s.conv == 's' && s.len == Len::kL); }
 
 // ---- capture ---------------------------------------------------------------
 
@@ -122,7 +122,7 @@ uint64_t TakeInt(VaBox &va, Len len) {
    }
 }
 
-void TakeString(VaBox &va, const Spec &s, int prec, std::string *out) {
+void TakeString(VaBox &va, const Conversion &s, int prec, std::string *out) {
    const char *str = va_arg(va.ap, const char *);
    if (str == nullptr) {
       uint32_t none = 0xffffffffu;
@@ -136,7 +136,7 @@ void TakeString(VaBox &va, const Spec &s, int prec, std::string *out) {
    Put(out, str, n);
 }
 
-void TakeWideString(VaBox &va, const Spec &s, int prec, std::string *out) {
+void TakeWideString(VaBox &va, const Conversion &s, int prec, std::string *out) {
    const wchar_t *w = va_arg(va.ap, const wchar_t *);
    if (w == nullptr) {
       uint32_t none = 0xffffffffu;
@@ -149,7 +149,7 @@ void TakeWideString(VaBox &va, const Spec &s, int prec, std::string *out) {
    Put(out, w, n * sizeof(wchar_t));
 }
 
-void TakeValue(VaBox &va, const Spec &s, int prec, std::string *out) {
+void TakeValue(VaBox &va, const Conversion &s, int prec, std::string *out) {
    if (IsIntConv(s.conv)) {
       Put64(out, TakeInt(va, s.len));
    } else if (IsWideChar(s)) {
@@ -240,7 +240,7 @@ bool EmitString(Reader &r, const std::string &sub, bool wide, std::string *out) 
    return true;
 }
 
-bool EmitValue(Reader &r, const Spec &s, const std::string &sub, std::string *out) {
+bool EmitValue(Reader &r, const Conversion &s, const std::string &sub, std::string *out) {
    uint64_t v = 0;
    if (IsIntConv(s.conv)) {
       if (!r.Get(&v, sizeof v)) {
@@ -282,7 +282,7 @@ bool EmitValue(Reader &r, const Spec &s, const std::string &sub, std::string *ou
 }
 
 // Rebuilds the conversion with every '*' replaced by its captured value.
-bool BuildSub(Reader &r, const Spec &s, std::string *sub) {
+bool BuildSub(Reader &r, const Conversion &s, std::string *sub) {
    sub->clear();
    for (const char *q = s.begin; q < s.end; q++) {
       if (*q != '*') {
@@ -310,7 +310,7 @@ void Capture(const char *fmt, va_list ap, std::string *out) {
    VaBox va;
    va_copy(va.ap, ap);
    for (const char *p = strchr(fmt, '%'); p != nullptr; p = strchr(p, '%')) {
-      Spec s;
+      Conversion s;
       if (!ParseSpec(p, &s)) {
          break;
       }
@@ -343,7 +343,7 @@ std::string Render(const char *fmt, std::string_view captured) {
          break;
       }
       out.append(p, static_cast<size_t>(pct - p));
-      Spec s;
+      Conversion s;
       if (!ParseSpec(pct, &s)) {
          out.append(pct);
          break;

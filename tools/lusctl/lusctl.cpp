@@ -1,6 +1,7 @@
 // lusctl.cpp -- payload builders and device commands of the upgrade tool.
 #include "lusctl.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace lusctl {
@@ -72,19 +73,43 @@ hyk_Status Client::RawHeaderAt(uint32_t cmd, hyk_UserVA header) {
 }
 
 hyk_Status Client::RawAt(uint32_t cmd, hyk_UserVA data, uint32_t length) {
+   if (!ok()) return openStatus_;
+   if (header_ == 0) {
+      header_ = process_.Alloc(sizeof(LusIoctlHeader));
+      if (header_ == 0) return HYK_NO_MEMORY;
+   }
    LusIoctlHeader hdr{};
    hdr.length = length;
    hdr.data = data;
-   hyk_UserVA hdrVA = process_.Alloc(sizeof hdr);
-   process_.Write(hdrVA, &hdr, sizeof hdr);
-   return RawHeaderAt(cmd, hdrVA);
+   process_.Write(header_, &hdr, sizeof hdr);
+   return RawHeaderAt(cmd, header_);
+}
+
+hyk_UserVA Client::Place(const std::vector<uint8_t> &bytes) {
+   if (bytes.size() > scratchLen_) {
+      // Grow by doubling so that a mix of sizes settles on one mapping.
+      uint64_t len = std::max<uint64_t>(bytes.size(), std::max<uint64_t>(scratchLen_ * 2, 4096));
+      hyk_UserVA va = process_.Alloc(len);
+      if (va == 0) {
+         len = bytes.size();
+         va = process_.Alloc(len);
+         if (va == 0) return 0;
+      }
+      scratch_ = va;
+      scratchLen_ = len;
+   }
+   hyk_UserVA at = scratch_ + scratchLen_ - bytes.size();
+   process_.Write(at, bytes.data(), bytes.size());
+   return at;
 }
 
 hyk_Status Client::Issue(uint32_t cmd, const std::vector<uint8_t> &payload, uint32_t length) {
+   if (!ok()) return openStatus_;
    hyk_UserVA dataVA = 0;
    if (!payload.empty()) {
-      dataVA = process_.Alloc(payload.size());
-      process_.Write(dataVA, payload.data(), payload.size());
+      dataVA = Place(payload);
+      if (dataVA == 0) return HYK_NO_MEMORY;
+      lastPayload_ = dataVA;
    }
    return RawAt(cmd, dataVA, length);
 }

@@ -65,12 +65,27 @@ class Client {
    // A command whose header itself lies at an arbitrary user address.
    hyk_Status RawHeaderAt(uint32_t cmd, hyk_UserVA header);
 
+   // User address of the payload of the last command that had one (0 when
+   // none had yet).  The payload always ends exactly where its mapping ends,
+   // so a copy that runs past it fails as it would past a fresh allocation.
+   hyk_UserVA lastPayload() const { return lastPayload_; }
+
   private:
    hyk_Status Issue(uint32_t cmd, const std::vector<uint8_t> &payload, uint32_t length);
+   // Places `bytes` so that they end at the end of the scratch mapping
+   // (grown when too small); returns their user address, 0 when the
+   // process's memory is exhausted.
+   hyk_UserVA Place(const std::vector<uint8_t> &bytes);
 
    hyksim::UserProcess &process_;
    int fd_ = -1;
    hyk_Status openStatus_;
+   // One header and one payload mapping, reused by every command so that a
+   // long run of commands (the fuzzer's) does not exhaust the process.
+   hyk_UserVA header_ = 0;
+   hyk_UserVA scratch_ = 0;
+   uint64_t scratchLen_ = 0;
+   hyk_UserVA lastPayload_ = 0;
 };
 
 // Payload builders (plain bytes, exactly as laid out on the wire).

@@ -331,9 +331,9 @@ TEST_F(NetEventTest, EnablePortRaisesStateEnableWithTheSubscriberPushed) {
              }),
              HYK_OK);
    ASSERT_EQ(hyksim::DisablePort(ports[1]), HYK_OK);
-   EXPECT_FALSE(hyksim::FindPort(ports[1])->spec.enabled);
+   EXPECT_FALSE(hyksim::FindPort(ports[1])->desc.enabled);
    EXPECT_EQ(hyksim::EnablePort(ports[1]), HYK_OK);
-   EXPECT_TRUE(hyksim::FindPort(ports[1])->spec.enabled);
+   EXPECT_TRUE(hyksim::FindPort(ports[1])->desc.enabled);
    ASSERT_EQ(rec.calls.size(), 1u);
    EXPECT_EQ(rec.calls[0].len, ports[1]);   // the port ID
    EXPECT_EQ(rec.calls[0].tag, HYK_PORT_EVENT_STATE_ENABLE);

@@ -15,21 +15,21 @@ class PortTest : public FabricTest {
   protected:
    hyk_PortID AddVnic(const std::string &uuid, uint32_t index, uint32_t flags = 0,
                       const std::string &fabricPortID = "") {
-      hyksim::PortSpec spec;
-      spec.clientType = HYK_PORT_CLIENT_VNIC;
-      spec.vmUUID = uuid;
-      spec.vnicIndex = index;
-      spec.flags = flags;
-      spec.fabricPortID = fabricPortID;
+      hyksim::PortSpec desc;
+      desc.clientType = HYK_PORT_CLIENT_VNIC;
+      desc.vmUUID = uuid;
+      desc.vnicIndex = index;
+      desc.flags = flags;
+      desc.fabricPortID = fabricPortID;
       hyk_PortID id = 0;
-      EXPECT_EQ(hyksim::AddPort("ps0", spec, &id), HYK_OK);
+      EXPECT_EQ(hyksim::AddPort("ps0", desc, &id), HYK_OK);
       return id;
    }
    hyk_PortID AddOfType(uint32_t clientType) {
-      hyksim::PortSpec spec;
-      spec.clientType = clientType;
+      hyksim::PortSpec desc;
+      desc.clientType = clientType;
       hyk_PortID id = 0;
-      EXPECT_EQ(hyksim::AddPort("ps0", spec, &id), HYK_OK);
+      EXPECT_EQ(hyksim::AddPort("ps0", desc, &id), HYK_OK);
       return id;
    }
    void SetUp() override {
@@ -141,10 +141,10 @@ TEST_F(PortTest, VnicHandleOfARemovedPortIsInvalid) {
 }
 
 TEST_F(PortTest, PropertiesGetSetAndClear) {
-   hyksim::PortSpec spec;
-   spec.properties["com.corvid.port.extraConfig.vnic.external.id"] = "ext-1";
+   hyksim::PortSpec desc;
+   desc.properties["com.corvid.port.extraConfig.vnic.external.id"] = "ext-1";
    hyk_PortID p = 0;
-   ASSERT_EQ(hyksim::AddPort("ps0", spec, &p), HYK_OK);
+   ASSERT_EQ(hyksim::AddPort("ps0", desc, &p), HYK_OK);
    void *value = nullptr;
    uint32_t len = 0;
    ASSERT_EQ(hyk_FabricPortDataGet(p, "com.corvid.port.extraConfig.vnic.external.id", &value, &len), HYK_OK);
@@ -159,7 +159,7 @@ TEST_F(PortTest, PropertiesGetSetAndClear) {
    ASSERT_EQ(len, sizeof bytes);
    EXPECT_EQ(static_cast<uint8_t *>(value)[0], 1);
    EXPECT_EQ(static_cast<uint8_t *>(value)[4], 3);
-   EXPECT_EQ(hyksim::FindPort(p)->spec.properties.at("com.corvid.common.port.pfilteraltkpx"),
+   EXPECT_EQ(hyksim::FindPort(p)->desc.properties.at("com.corvid.common.port.pfilteraltkpx"),
              std::string("\1\0\2\0\3", 5));
 
    EXPECT_EQ(hyk_FabricPortDataClear(p, "com.corvid.common.port.pfilteraltkpx"), HYK_OK);
@@ -181,7 +181,7 @@ TEST_F(PortTest, PropertyCallsRefuseBadArguments) {
    EXPECT_EQ(hyk_FabricPortDataSet(p, "", "v", 1, 0), HYK_BAD_PARAM);
    EXPECT_EQ(hyk_FabricPortDataSet(p, "k", "v", 1, 0x1), HYK_BAD_PARAM);
    EXPECT_EQ(hyk_FabricPortDataClear(p, nullptr), HYK_BAD_PARAM);
-   EXPECT_TRUE(hyksim::FindPort(p)->spec.properties.empty());
+   EXPECT_TRUE(hyksim::FindPort(p)->desc.properties.empty());
 }
 
 // ---- blocking: the host's outage oracle ----
@@ -375,7 +375,7 @@ TEST_F(PortTest, InjectedFaultsOfEveryPortOperation) {
    EXPECT_EQ(hyk_FabricPortDataClear(p, "k"), HYK_FAILURE);
    EXPECT_EQ(hyk_PortCustomUnblock(p, HYK_PORT_BLOCK_CUSTOM, 0), HYK_FAILURE);
    EXPECT_EQ(PFilter_TblRevalidateVmPort(p), HYK_FAILURE);
-   EXPECT_TRUE(hyksim::FindPort(p)->spec.properties.empty());
+   EXPECT_TRUE(hyksim::FindPort(p)->desc.properties.empty());
    EXPECT_EQ(hyksim::PFilterRevalidations(p), 0u);
    EXPECT_EQ(hyksim::InjectedFaultCount(), 11u);
 }

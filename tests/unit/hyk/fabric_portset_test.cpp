@@ -210,12 +210,12 @@ TEST_F(PortsetTest, ForAllPortsOfAnEmptyPortsetVisitsNothing) {
 }
 
 TEST_F(PortsetTest, FabricVersionAndClassName) {
-   hyksim::PortsetSpec spec;
-   spec.className = "cswitch";
-   spec.fabricVersion = 106;
-   MakePortset("ps0", 0, spec);
-   spec.className = "";
-   MakePortset("classless", 0, spec);
+   hyksim::PortsetSpec desc;
+   desc.className = "cswitch";
+   desc.fabricVersion = 106;
+   MakePortset("ps0", 0, desc);
+   desc.className = "";
+   MakePortset("classless", 0, desc);
    hyk_Portset *ps = nullptr, *bare = nullptr;
    ASSERT_EQ(hyk_PortsetAcquireByName("ps0", HYK_PORTSET_ACCESS_EXCL, &ps), HYK_OK);
    ASSERT_EQ(hyk_PortsetAcquireByName("classless", HYK_PORTSET_ACCESS_EXCL, &bare), HYK_OK);
@@ -286,9 +286,9 @@ class HotSwapTest : public FabricTest {
   protected:
    void SetUp() override {
       FabricTest::SetUp();
-      hyksim::PortsetSpec spec;
-      spec.className = "etherswitch";
-      MakePortset("ps0", 2, spec);
+      hyksim::PortsetSpec desc;
+      desc.className = "etherswitch";
+      MakePortset("ps0", 2, desc);
       ASSERT_EQ(hyk_PortsetAcquireByName("ps0", HYK_PORTSET_ACCESS_EXCL, &ps_), HYK_OK);
    }
    void TearDown() override {
@@ -427,9 +427,9 @@ TEST_F(PortsetTest, UpgradeNamespacesRefuseBadArguments) {
 // ---- fast datapath ----
 
 TEST_F(PortsetTest, FdpSwitchCommandRecordsEachRecordOnAFastDatapathPortset) {
-   hyksim::PortsetSpec spec;
-   spec.fastDatapath = true;
-   MakePortset("fdp", 0, spec);
+   hyksim::PortsetSpec desc;
+   desc.fastDatapath = true;
+   MakePortset("fdp", 0, desc);
    MakePortset("slow", 0);
    uint8_t record[152];
    for (size_t i = 0; i < sizeof record; i++) {
@@ -480,9 +480,9 @@ TEST_F(PortsetTest, TopologyControlRefusesDuplicatesAndBusyRemoval) {
 
 TEST_F(PortsetTest, ClassModuleOfATopologyPortsetIsResolvedByName) {
    hyk_ModuleID vsw = LoadModule("vswitch-1", {{"switchClass", "etherswitch"}});
-   hyksim::PortsetSpec spec;
-   spec.classModule = "vswitch-1";
-   MakePortset("ps0", 0, spec);
+   hyksim::PortsetSpec desc;
+   desc.classModule = "vswitch-1";
+   MakePortset("ps0", 0, desc);
    EXPECT_EQ(hyksim::FindPortset("ps0")->classModule, vsw);
    EXPECT_EQ(hyksim::FindPortset("ps0")->fabricVersion, 107u);
 }
@@ -506,9 +506,9 @@ TEST_F(PortsetTest, InjectedAcquireFaultHoldsNothing) {
 }
 
 TEST_F(PortsetTest, InjectedFaultsOfTheOtherPortsetOperations) {
-   hyksim::PortsetSpec spec;
-   spec.fastDatapath = true;
-   MakePortset("ps0", 1, spec);
+   hyksim::PortsetSpec desc;
+   desc.fastDatapath = true;
+   MakePortset("ps0", 1, desc);
    hyk_Portset *ps = nullptr;
    ASSERT_EQ(hyk_PortsetAcquireByName("ps0", HYK_PORTSET_ACCESS_EXCL, &ps), HYK_OK);
    const char *ops[] = {"hyk_PortsetForAllPorts", "hyk_PortsetLookupFabricVersion",

@@ -40,9 +40,9 @@ auto AsModule(hyk_ModuleID id, Fn &&fn) {
 
 // A portset "ps0" with `n` vNIC ports; returns their IDs in creation order.
 inline std::vector<hyk_PortID> MakePortset(const std::string &name, int n,
-                                           hyksim::PortsetSpec spec = {}) {
-   spec.name = name;
-   EXPECT_EQ(hyksim::AddPortset(spec), HYK_OK);
+                                           hyksim::PortsetSpec desc = {}) {
+   desc.name = name;
+   EXPECT_EQ(hyksim::AddPortset(desc), HYK_OK);
    std::vector<hyk_PortID> ids;
    for (int i = 0; i < n; i++) {
       hyksim::PortSpec port;

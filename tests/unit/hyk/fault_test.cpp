@@ -27,11 +27,11 @@ class FaultTest : public HostTest {
 
 TEST_F(FaultTest, NthCallFailsWithTheChosenStatus) {
    EXPECT_EQ(CreateHeap(), HYK_OK);  // calls before injection do not count
-   hyksim::FaultSpec spec;
-   spec.op = "hyk_HeapCreate";
-   spec.nth = 3;
-   spec.status = HYK_NO_MEMORY;
-   hyksim::InjectFault(spec);
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_HeapCreate";
+   desc.nth = 3;
+   desc.status = HYK_NO_MEMORY;
+   hyksim::InjectFault(desc);
    EXPECT_EQ(CreateHeap(), HYK_OK);
    EXPECT_EQ(CreateHeap(), HYK_OK);
    EXPECT_EQ(CreateHeap(), HYK_NO_MEMORY);
@@ -46,10 +46,10 @@ TEST_F(FaultTest, NthCallFailsWithTheChosenStatus) {
 }
 
 TEST_F(FaultTest, OnlyTheNamedOperationFails) {
-   hyksim::FaultSpec spec;
-   spec.op = "hyk_LockDomainCreate";
-   spec.every = true;
-   hyksim::InjectFault(spec);
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_LockDomainCreate";
+   desc.every = true;
+   hyksim::InjectFault(desc);
    EXPECT_EQ(CreateHeap(), HYK_OK);
    hyk_LockDomainID d;
    EXPECT_EQ(hyk_LockDomainCreate("d", 0, 0, &d), HYK_FAILURE);
@@ -57,13 +57,13 @@ TEST_F(FaultTest, OnlyTheNamedOperationFails) {
 }
 
 TEST_F(FaultTest, EveryCallFailsUpToTheCount) {
-   hyksim::FaultSpec spec;
-   spec.op = "hyk_HeapCreate";
-   spec.every = true;
-   spec.count = 2;
-   hyksim::InjectFault(spec);
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_HeapCreate";
+   desc.every = true;
+   desc.count = 2;
+   hyksim::InjectFault(desc);
    EXPECT_EQ(Pattern(4), "xx..");
-   hyksim::FaultSpec unlimited = spec;
+   hyksim::FaultSpec unlimited = desc;
    unlimited.count = 0;
    hyksim::InjectFault(unlimited);
    EXPECT_EQ(Pattern(3), "xxx");
@@ -72,31 +72,31 @@ TEST_F(FaultTest, EveryCallFailsUpToTheCount) {
 }
 
 TEST_F(FaultTest, ProbabilityIsReproducibleFromTheSeed) {
-   hyksim::FaultSpec spec;
-   spec.op = "hyk_HeapCreate";
-   spec.probability = 0.5;
-   spec.seed = 1234;
-   hyksim::InjectFault(spec);
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_HeapCreate";
+   desc.probability = 0.5;
+   desc.seed = 1234;
+   hyksim::InjectFault(desc);
    std::string first = Pattern(64);
    hyksim::HostStart();
-   hyksim::InjectFault(spec);
+   hyksim::InjectFault(desc);
    std::string second = Pattern(64);
    EXPECT_EQ(first, second);
    size_t fails = std::count(first.begin(), first.end(), 'x');
    EXPECT_GT(fails, 16u);
    EXPECT_LT(fails, 48u);
    hyksim::HostStart();
-   spec.seed = 99;
-   hyksim::InjectFault(spec);
+   desc.seed = 99;
+   hyksim::InjectFault(desc);
    EXPECT_NE(Pattern(64), first);
 }
 
 TEST_F(FaultTest, ProbabilityRespectsTheCount) {
-   hyksim::FaultSpec spec;
-   spec.op = "hyk_HeapCreate";
-   spec.probability = 1.0;
-   spec.count = 3;
-   hyksim::InjectFault(spec);
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_HeapCreate";
+   desc.probability = 1.0;
+   desc.count = 3;
+   hyksim::InjectFault(desc);
    EXPECT_EQ(Pattern(5), "xxx..");
 }
 
@@ -104,10 +104,10 @@ TEST_F(FaultTest, AllocationFaultGivesNull) {
    hyk_HeapProps props = {"h", 0, 0, 100};
    hyk_HeapID heap;
    ASSERT_EQ(hyk_HeapCreate(&props, &heap), HYK_OK);
-   hyksim::FaultSpec spec;
-   spec.op = "hyk_HeapAllocWithRA";
-   spec.nth = 2;
-   hyksim::InjectFault(spec);
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_HeapAllocWithRA";
+   desc.nth = 2;
+   hyksim::InjectFault(desc);
    void *a = hyk_HeapAlloc(heap, 8);
    EXPECT_NE(a, nullptr);
    EXPECT_EQ(hyk_HeapAlloc(heap, 8), nullptr);
@@ -118,11 +118,11 @@ TEST_F(FaultTest, AllocationFaultGivesNull) {
 }
 
 TEST_F(FaultTest, SpecThatNamesNoCallIsIgnored) {
-   hyksim::FaultSpec spec;
-   spec.op = "hyk_HeapCreate";
-   hyksim::InjectFault(spec);
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_HeapCreate";
+   hyksim::InjectFault(desc);
    EXPECT_EQ(Pattern(3), "...");
-   EXPECT_TRUE(hyksim::LogContains("fault spec for hyk_HeapCreate ignored"));
+   EXPECT_TRUE(hyksim::LogContains("fault desc for hyk_HeapCreate ignored"));
 }
 
 TEST_F(FaultTest, EveryFallibleOperationHasAFaultPoint) {
@@ -136,11 +136,11 @@ TEST_F(FaultTest, EveryFallibleOperationHasAFaultPoint) {
                           "hyk_RWSpinlockDestroy", "hyk_WorldCreate", "hyk_WorldWaitForDeath",
                           "hyk_WorldSleep", "hyk_ModuleGetName", "hyk_ModuleIncUseCount",
                           "hyk_ModuleDecUseCount", "hyk_NameInitialize"}) {
-      hyksim::FaultSpec spec;
-      spec.op = op;
-      spec.every = true;
-      spec.status = kInjected;
-      hyksim::InjectFault(spec);
+      hyksim::FaultSpec desc;
+      desc.op = op;
+      desc.every = true;
+      desc.status = kInjected;
+      hyksim::InjectFault(desc);
    }
    hyk_HeapProps hp = {"h", 0, 0, 1};
    hyk_HeapID heap;
@@ -213,10 +213,10 @@ TEST_F(FaultTest, TraceListsCallsInOrder) {
 }
 
 TEST_F(FaultTest, HostStartForgetsFaultsAndCounts) {
-   hyksim::FaultSpec spec;
-   spec.op = "hyk_HeapCreate";
-   spec.every = true;
-   hyksim::InjectFault(spec);
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_HeapCreate";
+   desc.every = true;
+   hyksim::InjectFault(desc);
    EXPECT_EQ(CreateHeap(), HYK_FAILURE);
    hyksim::HostStart();
    EXPECT_EQ(hyksim::CallCount("hyk_HeapCreate"), 0u);

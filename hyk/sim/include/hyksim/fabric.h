@@ -33,11 +33,11 @@ struct PortSpec {
    bool enabled = true;
 };
 
-hyk_Status AddPortset(const PortsetSpec &spec);
+hyk_Status AddPortset(const PortsetSpec &desc);
 hyk_Status RemovePortset(const std::string &name);
 // Adds a port to a portset; *portID receives the host's port ID (IDs are
 // allocated in increasing order).
-hyk_Status AddPort(const std::string &portset, const PortSpec &spec, hyk_PortID *portID);
+hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID *portID);
 hyk_Status RemovePort(hyk_PortID portID);
 
 // Enabling a port raises HYK_PORT_EVENT_STATE_ENABLE to its subscribers, on
@@ -58,7 +58,7 @@ struct BlockedInterval {
 struct PortView {
    hyk_PortID id;
    std::string portset;
-   PortSpec spec;
+   PortSpec desc;
    uint32_t blockReasons;       // bits set now
    bool passesTraffic;          // blockReasons == 0
    std::vector<BlockedInterval> blocked;   // every interval the port was blocked, as the host saw it

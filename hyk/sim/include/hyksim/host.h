@@ -97,7 +97,7 @@ struct FaultSpec {
    uint64_t seed = 1;            // ... drawn from this seed
    uint64_t count = 0;           // with every/probability: at most this many failures (0 = unlimited)
 };
-void InjectFault(const FaultSpec &spec);
+void InjectFault(const FaultSpec &desc);
 void ClearFaults();
 // Number of faults injected so far (all operations, or one).
 uint64_t InjectedFaultCount(const std::string &op = "");

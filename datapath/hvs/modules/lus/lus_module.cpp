@@ -1,0 +1,471 @@
+/*
+ * lus_module.cpp -- module core of lus: load and unload, module parameters
+ * and information records, the three state heaps, the log components and the
+ * client-clear timer.
+ *
+ * Load creates every host resource the other files use, in a fixed order,
+ * and a failure at any step releases what the earlier steps made, newest
+ * first; unload mirrors load.  Before the log components exist (and after
+ * they are gone) only the host's plain printers can be used, so the heap and
+ * log-registration failures are printed as host warnings.
+ */
+#include "lus_int.h"
+
+#define LUS_STR_(x) #x
+#define LUS_STR(x) LUS_STR_(x)
+
+/* ---- information records ---------------------------------------------------- */
+
+HYK_MODULE_INFO(nsApi, HYK_MODINFO_NAMESPACE, "com.corvid.hykapi#v3_1_0_0");
+HYK_MODULE_INFO(nsCore, HYK_MODINFO_NAMESPACE, "hykcore#nover");
+HYK_MODULE_INFO(version, HYK_MODINFO_VERSION,
+                "Version 0.0.0-0 RELEASEbuild-" LUS_STR(LUS_BUILD_NUMBER));
+HYK_MODULE_INFO(buildType, HYK_MODINFO_BUILD_TYPE, "release");
+HYK_MODULE_INFO(license, HYK_MODINFO_LICENSE, "Corvid Proprietary");
+
+/* ---- parameters ----------------------------------------------------------------- */
+
+/*
+ * The heap sizes are decimal megabytes and gigabytes on purpose (1,000,000 for
+ * "1MB").  They are unsigned 32-bit parameters, which is what the heap
+ * creation takes; the 3 GB default still fits.  (The host sets a uint
+ * parameter only in a 32-bit variable, so the words are 32 bits wide here.)
+ */
+/*
+ * The host finds parameter variables by name, so they have C linkage and
+ * default visibility (what HYK_PARAM_VAR gives; spelled as a linkage block
+ * here because the variables are also initialised).
+ */
+#define LUS_PARAM __attribute__((visibility("default"))) constinit
+HYK_EXTERN_C_BEGIN
+LUS_PARAM int32_t lusLogLevel = 3;
+LUS_PARAM uint32_t LUS_HEAP_MIN_SIZE = 1000000;
+LUS_PARAM uint32_t LUS_HEAP_MAX_SIZE = 3000000000u;
+LUS_PARAM uint32_t LUS_HEAP_0_MAX_SIZE = 100000000;
+/* All ones: not given, i.e. this module is not the from-build side. */
+LUS_PARAM uint32_t fromBuild = 0xffffffffu;
+HYK_EXTERN_C_END
+
+HYK_MODULE_PARAM(lusLogLevel, HYK_PARAM_INT, "LUS Log Level");
+HYK_MODULE_PARAM(LUS_HEAP_MIN_SIZE, HYK_PARAM_UINT, "LUS min heap size (1MB default)");
+HYK_MODULE_PARAM(LUS_HEAP_MAX_SIZE, HYK_PARAM_UINT, "LUS max heap size (3GB default)");
+HYK_MODULE_PARAM(LUS_HEAP_0_MAX_SIZE, HYK_PARAM_UINT, "LUS heap0 max size (100MB default)");
+HYK_MODULE_PARAM(fromBuild, HYK_PARAM_UINT,
+                 "Build ID of the from tarn-datapath pak used for live upgrade");
+
+#define LUS_FROM_BUILD_NOT_GIVEN 0xffffffffu
+#define LUS_CLIENT_HEAP_INITIAL_SIZE 4096u
+
+/* ---- module-wide state ------------------------------------------------------------ */
+
+HYK_EXTERN_C_BEGIN
+
+constinit hyk_ModuleID lusModID = HYK_INVALID_MODULE_ID;
+constinit uint32_t toBuild = 0;
+/* Build number compiled in; read-only. */
+constinit const uint32_t lusBuildNumber = LUS_BUILD_NUMBER;
+/*
+ * Intended longest client callback, in milliseconds.  Callback durations are
+ * only logged; nothing enforces this, and that is deliberate.
+ */
+constinit uint64_t maxAllowedCBTime = 200;
+
+constinit hyk_HeapID lusHeapID_0 = 0;
+constinit hyk_HeapID lusHeapID_1 = 0;
+constinit hyk_HeapID lusHeapID_2 = 0;
+/* Written without a lock by concurrent allocators; accessed atomically. */
+constinit hyk_HeapID curHeapID = 0;
+
+constinit hyk_LogHandle lusLogHandle = 0;
+constinit hyk_LogHandle lusLogThrotHandle = 0;
+
+constinit hyk_TimerQueue lusTimerQueue = 0;
+constinit hyk_TimerHandle lusTimer = 0;
+/* Once-only guard of LUS_ClientClear: 0 until the first clearing. */
+constinit uint64_t already_called = 0;
+
+constinit hyk_LockDomainID lusLockDomain = HYK_INVALID_LOCK_DOMAIN;
+constinit hyk_RWSpinlockID lusClientLock = HYK_INVALID_LOCK;
+constinit hyk_SpinlockID lusDummyLock = HYK_INVALID_LOCK;
+
+constinit LusListLinks lusGlobalState = {nullptr, nullptr};
+constinit LusPsState lusPsState = {};
+
+HYK_EXTERN_C_END
+
+/* ---- state heaps ---------------------------------------------------------------------- */
+
+void *LUS_AllocFromHeap(hyk_HeapID heap, uint32_t size)
+{
+   return hyk_HeapAllocWithRA(heap, size, __builtin_return_address(0));
+}
+
+void LUS_Free(hyk_HeapID heap, void *ptr)
+{
+   if (ptr == nullptr) {
+      return;
+   }
+   hyk_HeapFree(heap, ptr);
+}
+
+/*
+ * Client state may be gigabytes, so it comes from two large heaps.  When the
+ * current one is full we switch to the other for good rather than trying the
+ * first again on every call: once a heap has filled up, retrying it only
+ * costs time.  The switch is a plain word; two callers failing at once may
+ * both switch, which is harmless.
+ */
+void *LUS_ClientStateAlloc(uint32_t size, hyk_HeapID *heapUsed)
+{
+   hyk_HeapID heap = __atomic_load_n(&curHeapID, __ATOMIC_RELAXED);
+   void *mem = LUS_AllocFromHeap(heap, size);
+   if (mem != nullptr) {
+      *heapUsed = heap;
+      return mem;
+   }
+
+   heap = (heap == lusHeapID_1) ? lusHeapID_2 : lusHeapID_1;
+   __atomic_store_n(&curHeapID, heap, __ATOMIC_RELAXED);
+   mem = LUS_AllocFromHeap(heap, size);
+   if (mem != nullptr) {
+      *heapUsed = heap;
+      return mem;
+   }
+
+   LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NO_MEMORY, "Out of Heap memory : %s\n");
+   return nullptr;
+}
+
+/* Safe to call twice, and with only some heaps made. */
+void lusDestroyHeaps(void)
+{
+   if (lusHeapID_0 != 0) {
+      hyk_HeapDestroy(lusHeapID_0);
+      lusHeapID_0 = 0;
+   }
+   if (lusHeapID_1 != 0) {
+      hyk_HeapDestroy(lusHeapID_1);
+      lusHeapID_1 = 0;
+   }
+   if (lusHeapID_2 != 0) {
+      hyk_HeapDestroy(lusHeapID_2);
+      lusHeapID_2 = 0;
+   }
+   __atomic_store_n(&curHeapID, 0, __ATOMIC_RELAXED);
+}
+
+static hyk_Status lusCreateHeap(const char *name, uint32_t initialSize, uint32_t maxSize,
+                                hyk_HeapID *heap)
+{
+   hyk_HeapProps props = {};
+   props.name = name;
+   props.owner = lusModID;
+   props.initialSize = initialSize;
+   props.maxSize = maxSize;
+   hyk_Status status = hyk_HeapCreate(&props, heap);
+   if (status != HYK_OK) {
+      *heap = 0;
+      _hyk_WarningMessage("LUS - failed to create heap %s: %s\n", name, hyk_StatusToString(status));
+   }
+   return status;
+}
+
+/* ---- log components ------------------------------------------------------------------ */
+
+/* Both handles are attempted whatever happens to the other. */
+void lusCleanupLogHandle(void)
+{
+   hyk_Status status;
+
+   if (lusLogHandle != 0) {
+      status = hyk_LogUnregister(lusLogHandle);
+      if (status != HYK_OK) {
+         _hyk_WarningMessage("LUS - failed to unregister log handle : %s\n",
+                             hyk_StatusToString(status));
+      }
+      lusLogHandle = 0;
+   }
+   if (lusLogThrotHandle != 0) {
+      status = hyk_LogUnregister(lusLogThrotHandle);
+      if (status != HYK_OK) {
+         _hyk_WarningMessage("LUS - failed to unregister throttle log handle : %s\n",
+                             hyk_StatusToString(status));
+      }
+      lusLogThrotHandle = 0;
+   }
+}
+
+/* ---- client-clear timer --------------------------------------------------------------- */
+
+hyk_Status LUS_ScheduleTimer(hyk_TimerCallback callback, void *data, uint64_t timeout,
+                             uint8_t periodic, hyk_TimerHandle *timer)
+{
+   LUS_LOG(LUS_LOG_INFO, "Scheduling LUS timer ...\n");
+   hyk_Status status = hyk_TimerAdd(lusTimerQueue, callback, data, timeout,
+                                    HYK_TIMER_DEFAULT_TOLERANCE, periodic,
+                                    HYK_TIMER_NO_LOCK_CLASS, timer);
+   if (status != HYK_OK) {
+      LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Scheduling LUS Timer FAIL : %s\n");
+   }
+   return status;
+}
+
+/*
+ * The timer is never cancelled: if a restore, a failed registration or the
+ * unload cleared first, the firing finds the clearing done and returns.
+ */
+void LUS_ClientClearTimerCB(void *data, hyk_TimerHandle timer)
+{
+   LUS_ClientClear(0);
+}
+
+/*
+ * Withdraws every client registration and empties the maps, at most once in
+ * the life of the module: whichever of timer, unload, restore end or failed
+ * registration gets here first does the work.  The timer passes 0 and so
+ * leaves the port-phase map alone; that map belongs to a per-portset upgrade
+ * whose own end clears it.
+ */
+void LUS_ClientClear(uint32_t alsoPortPhase)
+{
+   uint64_t expected = 0;
+   if (!__atomic_compare_exchange_n(&already_called, &expected, 1, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+      return;
+   }
+
+   LUS_LOG(LUS_LOG_INFO, "Clearing LUS Client data ...\n");
+
+   if (__atomic_load_n(&lusTARNQRegistered, __ATOMIC_RELAXED) == 1) {
+      LUS_Unreg(0);
+   }
+   if (__atomic_load_n(&lusTARNJRegistered, __ATOMIC_RELAXED) == 1) {
+      LUS_Unreg(1);
+   }
+
+   /*
+    * Restore events may still be arriving on the host's event context (the
+    * timer path fires while a slow restore is under way); they change the
+    * maps under the client lock for writing, so the emptying does too.
+    */
+   hyk_RWSpinlockWriteLock(lusClientLock);
+   LUS_HashEmpty((int32_t)alsoPortPhase, lusHashMap);
+   if (alsoPortPhase != 0) {
+      LUS_HashEmpty((int32_t)alsoPortPhase, lusPerPortHashMap);
+   }
+   hyk_RWSpinlockWriteUnlock(lusClientLock);
+}
+
+/* ---- load -------------------------------------------------------------------------------- */
+
+static void lusDestroyTimerQueue(void)
+{
+   if (lusTimerQueue != 0) {
+      hyk_TimerQueueDestroy(lusTimerQueue);
+      lusTimerQueue = 0;
+   }
+}
+
+static void lusDestroyLocks(void)
+{
+   if (lusDummyLock != HYK_INVALID_LOCK) {
+      hyk_SpinlockDestroy(lusDummyLock);
+      lusDummyLock = HYK_INVALID_LOCK;
+   }
+   if (lusClientLock != HYK_INVALID_LOCK) {
+      hyk_RWSpinlockDestroy(lusClientLock);
+      lusClientLock = HYK_INVALID_LOCK;
+   }
+   if (lusLockDomain != HYK_INVALID_LOCK_DOMAIN) {
+      hyk_LockDomainDestroy(lusLockDomain);
+      lusLockDomain = HYK_INVALID_LOCK_DOMAIN;
+   }
+}
+
+/*
+ * Heaps, log components, timer queue and control device.  Returns 0, or -1
+ * with everything it made released again.
+ */
+static int lusInit(void)
+{
+   hyk_Status status;
+
+   /* Heap 0 keeps the module's own records; client state starts in heap 1. */
+   if (lusCreateHeap("lus_heap_0", LUS_HEAP_MIN_SIZE, LUS_HEAP_0_MAX_SIZE, &lusHeapID_0) !=
+       HYK_OK) {
+      goto destroyHeaps;
+   }
+   if (lusCreateHeap("lus_heap_1", LUS_CLIENT_HEAP_INITIAL_SIZE, LUS_HEAP_MAX_SIZE,
+                     &lusHeapID_1) != HYK_OK) {
+      goto destroyHeaps;
+   }
+   if (lusCreateHeap("lus_heap_2", LUS_CLIENT_HEAP_INITIAL_SIZE, LUS_HEAP_MAX_SIZE,
+                     &lusHeapID_2) != HYK_OK) {
+      goto destroyHeaps;
+   }
+   __atomic_store_n(&curHeapID, lusHeapID_1, __ATOMIC_RELAXED);
+
+   _hyk_LogMessage("LUS Log level set to %d\n", lusLogLevel);
+
+   {
+      /* Named after heap 0 on purpose: the host's log collector keys on it. */
+      hyk_LogProps props = {};
+      props.name = "lus_heap_0";
+      props.defaultLevel = lusLogLevel;
+      props.heap = lusHeapID_0;
+      props.throttle = HYK_LOG_THROTTLE_NONE;
+      status = hyk_LogRegister(&props, &lusLogHandle);
+      if (status != HYK_OK) {
+         lusLogHandle = 0;
+         _hyk_WarningMessage("LUS - failed to register log handle : %s\n",
+                             hyk_StatusToString(status));
+         goto destroyHeaps;
+      }
+   }
+   {
+      /* Nothing is logged through the throttled component, but it lives as long as the other. */
+      hyk_LogProps props = {};
+      props.name = "lus_heap_0_throt";
+      props.defaultLevel = lusLogLevel;
+      props.heap = lusHeapID_0;
+      props.throttle = HYK_LOG_THROTTLE_COUNT;
+      status = hyk_LogRegister(&props, &lusLogThrotHandle);
+      if (status != HYK_OK) {
+         lusLogThrotHandle = 0;
+         hyk_LogUnregister(lusLogHandle);
+         lusLogHandle = 0;
+         _hyk_WarningMessage("LUS - failed to register log handle : %s\n",
+                             hyk_StatusToString(status));
+         goto destroyHeaps;
+      }
+   }
+
+   status = hyk_TimerQueueCreate("lus_heap_0", lusModID, lusHeapID_0, &lusTimerQueue);
+   if (status != HYK_OK) {
+      lusTimerQueue = 0;
+      LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Failed to create timer queue : %s\n");
+      goto unregisterLogs;
+   }
+
+   status = lusCharDevActivate();
+   if (status != HYK_OK) {
+      LUS_LOG_STATUS(LUS_LOG_ERROR, status, "LUS - failed to register char device : %s\n");
+      goto destroyTimerQueue;
+   }
+   return 0;
+
+destroyTimerQueue:
+   lusDestroyTimerQueue();
+unregisterLogs:
+   lusCleanupLogHandle();
+destroyHeaps:
+   lusDestroyHeaps();
+   return -1;
+}
+
+/* The lock domain and its two spinlocks; on failure releases what it made. */
+static hyk_Status lusLockInit(void)
+{
+   hyk_Status status;
+
+   status = hyk_LockDomainCreate("tarnq-lus", lusModID, lusHeapID_0, &lusLockDomain);
+   if (status != HYK_OK) {
+      lusLockDomain = HYK_INVALID_LOCK_DOMAIN;
+      LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Failed to create lock domain tarnq-lus : %s\n");
+      return status;
+   }
+
+   status = hyk_RWSpinlockCreate("tarnq-lus", lusLockDomain, 2, &lusClientLock);
+   if (status != HYK_OK) {
+      lusClientLock = HYK_INVALID_LOCK;
+      LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Failed to create lus client lock : %s\n");
+      goto destroyDomain;
+   }
+
+   status = hyk_SpinlockCreate("tarnq-lus", lusLockDomain, 1, &lusDummyLock);
+   if (status != HYK_OK) {
+      lusDummyLock = HYK_INVALID_LOCK;
+      LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Failed to create lus dummy lock : %s\n");
+      goto destroyClientLock;
+   }
+   return HYK_OK;
+
+destroyClientLock:
+   hyk_RWSpinlockDestroy(lusClientLock);
+   lusClientLock = HYK_INVALID_LOCK;
+destroyDomain:
+   hyk_LockDomainDestroy(lusLockDomain);
+   lusLockDomain = HYK_INVALID_LOCK_DOMAIN;
+   return status;
+}
+
+HYK_MODULE_ENTRY int init_module(void)
+{
+   lusModID = hyk_ModuleCurrentID();
+   toBuild = lusBuildNumber;
+
+   if (lusInit() != 0) {
+      return -1;
+   }
+
+   if (lusLockInit() != HYK_OK) {
+      lusCharDevDeactivate();
+      lusDestroyTimerQueue();
+      lusCleanupLogHandle();
+      lusDestroyHeaps();
+      return -1;
+   }
+
+   LusList_Init(&lusGlobalState);
+   LusList_Init(&lusPsState.clients);
+   return 0;
+}
+
+/* ---- unload ------------------------------------------------------------------------------- */
+
+/*
+ * Unloading never fails and never waits for an upgrade to finish: a map that
+ * still holds records is reported and freed all the same.
+ */
+void lusCleanup(uint32_t fromBuildGiven)
+{
+   hyk_Status status;
+
+   LUS_Unsubscribe();
+   LUS_ClientClear(fromBuildGiven);
+
+   /* The from-build side never registered the unblock event; the other side did. */
+   if (fromBuildGiven == 0) {
+      status = hyk_NetEventUnregister(LUS_EVENT_PORT_UNBLOCK);
+      if (status != HYK_OK) {
+         LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Failed to unregister event %s : %s\n",
+                        LUS_EVENT_PORT_UNBLOCK);
+      }
+   }
+
+   if (lusHashMap != nullptr) {
+      if (TarnHash_Count(lusHashMap) != 0) {
+         LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NOT_EMPTY, "Non empty LUS PS phase hash map : %s\n");
+      }
+      LUS_Free(lusHashMap->heap, lusHashMap);
+      lusHashMap = nullptr;
+   }
+   if (lusPerPortHashMap != nullptr) {
+      if (TarnHash_Count(lusPerPortHashMap) != 0) {
+         LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NOT_EMPTY, "Non empty LUS port phase hash map : %s\n");
+      }
+      LUS_Free(lusPerPortHashMap->heap, lusPerPortHashMap);
+      lusPerPortHashMap = nullptr;
+   }
+
+   lusDestroyLocks();
+   lusDestroyTimerQueue();
+   lusCharDevDeactivate();
+   lusCleanupLogHandle();
+   lusDestroyHeaps();
+}
+
+HYK_MODULE_ENTRY void cleanup_module(void)
+{
+   lusCleanup(fromBuild != LUS_FROM_BUILD_NOT_GIVEN ? 1 : 0);
+}

@@ -1,0 +1,159 @@
+// Tests of the client-clear timer and the once-only clearing.
+#include <atomic>
+#include <thread>
+
+#include "lus_fixture.h"
+
+namespace lustest {
+namespace {
+
+using ClientClearTest = LusTest;
+
+const char *kClearing = "Clearing LUS Client data ...";
+
+hyk_Status ArmTimer() {
+   return AsLus([] {
+      auto *cb = LusFn<TimerCBFn>("LUS_ClientClearTimerCB");
+      auto *timer = LusVar<hyk_TimerHandle>("lusTimer");
+      return LusFn<ScheduleTimerFn>("LUS_ScheduleTimer")(cb, nullptr, 120000000ull, 0, timer);
+   });
+}
+
+TEST_F(ClientClearTest, TimerFiresAfterOneHundredTwentySecondsAndUnregistersClients) {
+   Load();
+   TestClient *c = AddClient("fw_new", kToBuild);
+   ASSERT_EQ(Reg(0, LUS_REG_TO), HYK_OK);
+   ASSERT_NE(c->handle(), nullptr);
+   ASSERT_EQ(ArmTimer(), HYK_OK);
+   EXPECT_EQ(CountModuleLines(PlainLineRe("LUS_ScheduleTimer", "Scheduling LUS timer ..."), 3), 1u);
+
+   hyksim::AdvanceClock(119999999ull);
+   EXPECT_EQ(hyksim::LogCount(kClearing), 0u);
+   EXPECT_EQ(Var<uint64_t>("already_called"), 0u);
+   hyksim::AdvanceClock(1);
+   EXPECT_EQ(CountModuleLines(PlainLineRe("LUS_ClientClear", kClearing), 3), 1u);
+   EXPECT_EQ(Var<uint64_t>("already_called"), 1u);
+   EXPECT_EQ(c->handle(), nullptr);
+   EXPECT_EQ(Var<int32_t>("numToClients"), 0);
+   EXPECT_EQ(Var<uint8_t>("lusTARNQRegistered"), 0u);
+   EXPECT_EQ(c->Unload(), HYK_OK);  // its use count was released
+}
+
+TEST_F(ClientClearTest, UnloadBeforeTimerFiresClearsOnceAndDestroysTheQueue) {
+   Load();
+   ASSERT_EQ(ArmTimer(), HYK_OK);
+   EXPECT_EQ(hyksim::Counts().pendingTimers, 1u);
+   ASSERT_EQ(UnloadLus(), HYK_OK);
+   EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
+   EXPECT_EQ(hyksim::Counts().timerQueues, 0u);
+   EXPECT_EQ(hyksim::Counts().pendingTimers, 0u);
+   EXPECT_EQ(hyksim::LogCount("module lus left timer queue"), 0u);
+   hyksim::AdvanceClock(200000000ull);
+   EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
+}
+
+TEST_F(ClientClearTest, TimerFiringAfterAnEarlierClearDoesNothing) {
+   Load();
+   AsLus([] { LusFn<ClientClearFn>("LUS_ClientClear")(0); });
+   ASSERT_EQ(hyksim::LogCount(kClearing), 1u);
+   ASSERT_EQ(ArmTimer(), HYK_OK);
+   size_t before = ModuleLines().size();
+   hyksim::AdvanceClock(120000000ull);
+   EXPECT_EQ(hyksim::Counts().pendingTimers, 0u);  // it did fire
+   EXPECT_EQ(ModuleLines().size(), before);
+   EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
+}
+
+TEST_F(ClientClearTest, TwoCallersAtOnceClearExactlyOnce) {
+   Load();
+   hyk_ModuleID lus = LusID();
+   auto *clear = LusFn<ClientClearFn>("LUS_ClientClear");
+   std::atomic<int> ready{0};
+   std::atomic<bool> go{false};
+   std::vector<std::thread> threads;
+   for (int i = 0; i < 8; i++) {
+      threads.emplace_back([&] {
+         hyk_ModuleCookie cookie{};
+         hyk_ModulePushId(lus, nullptr, &cookie);
+         ready++;
+         while (!go.load()) {
+         }
+         clear(0);
+         hyk_ModulePopId();
+      });
+   }
+   while (ready.load() < 8) {
+   }
+   go = true;
+   for (auto &t : threads) {
+      t.join();
+   }
+   EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
+}
+
+TEST_F(ClientClearTest, TimerPathEmptiesOnlyThePortsetPhaseMap) {
+   Load({"fromBuild=1000"});
+   for (uint32_t phase : {LUS_PHASE_PORTSET, LUS_PHASE_PORT}) {
+      std::string n = phase ? "port" : "ps";
+      TestClientConfig from;
+      from.moduleName = n + "_old";
+      from.clientName = n;
+      from.buildNumber = kFromBuild;
+      from.upgradePhase = phase;
+      AddClient(from);
+      TestClientConfig to = from;
+      to.moduleName = n + "_new";
+      to.buildNumber = kToBuild;
+      AddClient(to);
+   }
+   MakePortset("ps0", 3);
+   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
+   ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
+   ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
+   LusHashMap *psMap = Var<LusHashMap *>("lusHashMap");
+   LusHashMap *portMap = Var<LusHashMap *>("lusPerPortHashMap");
+   ASSERT_EQ(psMap->count, 3u);
+   ASSERT_EQ(portMap->count, 3u);
+
+   ASSERT_EQ(ArmTimer(), HYK_OK);
+   hyksim::AdvanceClock(120000000ull);
+   EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
+   EXPECT_EQ(psMap->count, 0u);
+   EXPECT_EQ(portMap->count, 3u);
+}
+
+TEST_F(ClientClearTest, UnloadOfFromBuildModuleEmptiesBothMaps) {
+   Load({"fromBuild=1000"});
+   TestClientConfig from;
+   from.moduleName = "port_old";
+   from.clientName = "port";
+   from.buildNumber = kFromBuild;
+   from.upgradePhase = LUS_PHASE_PORT;
+   AddClient(from);
+   TestClientConfig to = from;
+   to.moduleName = "port_new";
+   to.buildNumber = kToBuild;
+   AddClient(to);
+   MakePortset("ps0", 2);
+   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
+   ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
+   ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
+   ASSERT_EQ(Var<LusHashMap *>("lusPerPortHashMap")->count, 2u);
+   ASSERT_EQ(UnloadLus(), HYK_OK);
+   EXPECT_EQ(hyksim::LogCount("Non empty"), 0u);
+   EXPECT_TRUE(hyksim::LeakReports().empty());
+}
+
+TEST_F(ClientClearTest, ScheduleFailureIsLoggedAndReturned) {
+   Load();
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_TimerAdd";
+   desc.nth = 1;
+   desc.status = HYK_INVALID_HANDLE;
+   hyksim::InjectFault(desc);
+   EXPECT_EQ(ArmTimer(), HYK_INVALID_HANDLE);
+   EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("LUS_ScheduleTimer", 8, "Scheduling LUS Timer FAIL : Invalid handle"), 1), 1u);
+}
+
+}  // namespace
+}  // namespace lustest

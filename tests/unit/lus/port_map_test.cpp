@@ -249,6 +249,51 @@ TEST_F(PortEnrolmentTest, ToBuildRegistrationMatchesSavedRecords) {
    EXPECT_EQ(CountModuleLines(PlainLineRe("lusRegForAllPorts", line), 3), 1u);
 }
 
+// A session may register clients of both interface versions; records of one
+// version must never be put into, or read out of, a map of the other.
+TEST_F(PortEnrolmentTest, VersionOneEnrolmentIntoAVersionZeroMapIsRefused) {
+   Load({"fromBuild=1000"});
+   Pair("fw");
+   MakePortset("ps0", 2);
+   SetPortsets({"ps0"});
+   ASSERT_EQ(Reg(0, LUS_REG_TO), HYK_OK);
+   ASSERT_EQ(Reg(0, LUS_REG_FROM), HYK_OK);
+   LusHashMap *map = Var<LusHashMap *>("lusHashMap");
+   ASSERT_NE(map, nullptr);
+   ASSERT_EQ(map->count, 2u);
+
+   EXPECT_EQ(RegAllPS("ps0"), HYK_FAILURE);
+   EXPECT_EQ(map->count, 2u);
+   EXPECT_EQ(Var<uint32_t>("numLUSInstances"), 2u);
+   EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("lusMapVersionMismatch", 7,
+                                              "LUS hash map holds records of interface version 0, "
+                                              "not 1 : Bad parameter"),
+                              1),
+             1u);
+   EXPECT_NE(FindV0("vm-0", 0, "fw"), nullptr);
+}
+
+TEST_F(PortEnrolmentTest, VersionZeroEnrolmentIntoAVersionOneMapIsRefused) {
+   Load({"fromBuild=1000"});
+   Pair("fw");
+   MakePortset("ps0", 2);
+   SetPortsets({"ps0"});
+   ASSERT_EQ(Reg(0, LUS_REG_TO), HYK_OK);
+   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
+   ASSERT_NE(Var<LusHashMap *>("lusPerPortHashMap"), nullptr);
+
+   // The mode 0 registration finds the version 1 maps and enrols into them.
+   EXPECT_EQ(Reg(0, LUS_REG_FROM), HYK_BAD_PARAM);
+   EXPECT_EQ(Var<uint32_t>("numLUSInstances"), 0u);
+   EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("lusMapVersionMismatch", 7,
+                                              "LUS hash map holds records of interface version 1, "
+                                              "not 0 : Bad parameter"),
+                              1),
+             1u);
+   // The failed registration frees the maps it could not fill.
+   EXPECT_EQ(Var<LusHashMap *>("lusHashMap"), nullptr);
+}
+
 TEST_F(PortEnrolmentTest, DynamoPortIsNeverEnrolled) {
    Load({"fromBuild=1000"});
    Pair("fw");

@@ -45,6 +45,7 @@ enum : uint32_t { kSlotFree = 0, kSlotLive = 1, kSlotGone = 2 };
 struct Component {
    std::atomic<uint32_t> state{kSlotFree};
    std::atomic<int32_t> level{0};
+   std::atomic<uint64_t> received{0};  // calls handed to the component, filtered or not
    uint32_t throttle = 0;
    hyk_ModuleID owner = HYK_INVALID_MODULE_ID;
    char name[HYK_NAME_LEN] = {};
@@ -375,7 +376,7 @@ std::vector<LogComponentView> LogComponents() {
    for (size_t i = 0; i < r.used; i++) {
       Component &c = r.slots[i];
       if (c.state.load(std::memory_order_relaxed) == kSlotLive) {
-         out.push_back({c.name, c.level.load(), c.throttle, c.owner, i + 1});
+         out.push_back({c.name, c.level.load(), c.throttle, c.owner, i + 1, c.received.load()});
       }
    }
    return out;
@@ -516,6 +517,7 @@ extern "C" hyk_Status hyk_LogRegister(const hyk_LogProps *props, hyk_LogHandle *
    Component &c = r.slots[r.used];
    strncpy(c.name, props->name, sizeof c.name - 1);
    c.level.store(props->defaultLevel);
+   c.received.store(0, std::memory_order_relaxed);
    c.throttle = props->throttle;
    c.owner = hyk_ModuleCurrentID();
    c.state.store(kSlotLive, std::memory_order_release);
@@ -538,7 +540,11 @@ extern "C" hyk_Status hyk_LogUnregister(hyk_LogHandle handle) {
 extern "C" int hyk_LogLevel(uint32_t urgency, hyk_LogHandle handle, int32_t level,
                             const char *fmt, ...) {
    Component *c = Lookup(handle);
-   if (c == nullptr || fmt == nullptr || level > c->level.load(std::memory_order_relaxed)) {
+   if (c == nullptr) {
+      return 0;
+   }
+   c->received.fetch_add(1, std::memory_order_relaxed);
+   if (fmt == nullptr || level > c->level.load(std::memory_order_relaxed)) {
       return 0;
    }
    if (c->throttle == HYK_LOG_THROTTLE_COUNT && !ThrottlePasses(c)) {

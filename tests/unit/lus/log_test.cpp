@@ -9,6 +9,17 @@ namespace {
 
 using LoggingTest = LusTest;
 
+// hyk_LogLevel calls the module made on its normal component, filtered or not.
+uint64_t LinesHandedToHost() {
+   for (const auto &c : hyksim::LogComponents()) {
+      if (c.name == "lus_heap_0" && c.throttle == HYK_LOG_THROTTLE_NONE) {
+         return c.linesReceived;
+      }
+   }
+   ADD_FAILURE() << "no lus_heap_0 log component";
+   return 0;
+}
+
 TEST_F(LoggingTest, LogLevelZeroEmitsNoPlainLineOfAnyLevel) {
    Load({"lusLogLevel=0"});
    // Level 3 progress line, and a level 1 error whose status has no code.
@@ -19,6 +30,16 @@ TEST_F(LoggingTest, LogLevelZeroEmitsNoPlainLineOfAnyLevel) {
    hyksim::InjectFault(desc);
    EXPECT_EQ(Reg(0, LUS_REG_TO), 0xbad0000u);
    EXPECT_EQ(hyksim::InjectedFaultCount("hyk_NetEventPost"), 1u);
+   EXPECT_TRUE(ModuleLines().empty()) << hyksim::LogText();
+   // The plain lines never reached the host: the module tested the level first.
+   EXPECT_EQ(LinesHandedToHost(), 0u);
+
+   // An error with a code of its own is handed over all the same; the host's
+   // level filter is what keeps it out of the log.
+   desc.status = HYK_FAILURE;
+   hyksim::InjectFault(desc);
+   EXPECT_EQ(Reg(0, LUS_REG_TO), HYK_FAILURE);
+   EXPECT_EQ(LinesHandedToHost(), 1u);
    EXPECT_TRUE(ModuleLines().empty()) << hyksim::LogText();
 }
 

@@ -141,6 +141,7 @@ struct LogComponentView {
    uint32_t throttle;
    hyk_ModuleID owner;      // the module current when it was registered
    hyk_LogHandle handle = 0;
+   uint64_t linesReceived = 0;   // hyk_LogLevel calls on it, including those its level filtered
 };
 std::vector<LogComponentView> LogComponents();
 // The administrator's level change: sets the level of every component of that

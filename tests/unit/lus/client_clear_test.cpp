@@ -64,6 +64,26 @@ TEST_F(ClientClearTest, TimerFiringAfterAnEarlierClearDoesNothing) {
    EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
 }
 
+// Found by the fault sweep: a registration made after the once-only clear
+// (the tool retrying a command after a failed one cleared) took use counts on
+// the client modules that the unload's clear, already spent, never gave back.
+TEST_F(ClientClearTest, UnloadWithdrawsARegistrationMadeAfterTheClear) {
+   Load({"fromBuild=1000"});
+   TestClient *c = AddClient("fw_new", kToBuild);
+   ASSERT_EQ(Reg(0, LUS_REG_TO), HYK_OK);
+   AsLus([] { LusFn<ClientClearFn>("LUS_ClientClear")(0); });
+   ASSERT_EQ(c->handle(), nullptr);
+   ASSERT_EQ(Reg(0, LUS_REG_TO), HYK_OK);
+   ASSERT_NE(c->handle(), nullptr);
+   EXPECT_EQ(c->Unload(), HYK_BUSY);
+
+   ASSERT_EQ(UnloadLus(), HYK_OK);
+   EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
+   EXPECT_EQ(c->handle(), nullptr);
+   EXPECT_EQ(c->unregisterStatuses.size(), 2u);
+   EXPECT_EQ(c->Unload(), HYK_OK);  // lus gave its use count back
+}
+
 TEST_F(ClientClearTest, TwoCallersAtOnceClearExactlyOnce) {
    Load();
    hyk_ModuleID lus = LusID();

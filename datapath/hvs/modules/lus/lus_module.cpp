@@ -433,6 +433,18 @@ void lusCleanup(uint32_t fromBuildGiven)
 
    LUS_Unsubscribe();
    LUS_ClientClear(fromBuildGiven);
+   /*
+    * The clear runs once in the module's life.  Clients that registered after
+    * it (a command retried after a failed one cleared), or whose unregistration
+    * event failed, still hold the use counts their registration took: the
+    * module is going, so withdraw them now.
+    */
+   if (__atomic_load_n(&lusTARNQRegistered, __ATOMIC_RELAXED) == 1) {
+      LUS_Unreg(0);
+   }
+   if (__atomic_load_n(&lusTARNJRegistered, __ATOMIC_RELAXED) == 1) {
+      LUS_Unreg(1);
+   }
 
    /* The from-build side never registered the unblock event; the other side did. */
    if (fromBuildGiven == 0) {

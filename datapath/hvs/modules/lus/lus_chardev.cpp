@@ -305,6 +305,7 @@ enum LusIntakeRefusal {
    LUS_INTAKE_COUNT,   /* portset count above the table */
    LUS_INTAKE_ALLOC,   /* no buffer */
    LUS_INTAKE_COPY,    /* the caller's memory did not hold the payload */
+   LUS_INTAKE_SIZE,    /* fewer bytes (or, where exact, other bytes) than the count asks for */
 };
 
 /*
@@ -405,6 +406,55 @@ static hyk_Status lusPayloadIn(const LusIoctlHeader *header, void **payload,
       }                                                                                 \
    } while (0)
 
+/*
+ * The portset list of commands 6 and 14, taken as the header's length says.
+ * The module reads nothing it did not copy: a payload too short for its own
+ * 9-byte head, a count above the table, or a length that does not cover the
+ * entries (command 6: exactly; command 14: at least) is refused.  On success
+ * *query is the caller's buffer to free; on a refusal nothing is left.
+ */
+static hyk_Status lusPortsetPayloadIn(const LusIoctlHeader *header, bool exactLength,
+                                      LusPortsetQuery **query, uint32_t *count,
+                                      LusIntakeRefusal *refusal)
+{
+   void *payload;
+   *query = nullptr;
+   *count = 0;
+   hyk_Status status = lusPayloadIn(header, &payload, refusal);
+   if (status != HYK_OK) {
+      LUS_Free(lusHeapID_0, payload);
+      return status;
+   }
+   const uint32_t length = header->length;
+   LusPortsetQuery *buf = static_cast<LusPortsetQuery *>(payload);
+   if (length < sizeof(LusPortsetQuery)) {
+      *refusal = LUS_INTAKE_SIZE;
+   } else if ((*count = buf->numPortsets) > LUS_MAX_PORTSETS) {
+      *refusal = LUS_INTAKE_COUNT;
+   } else if (exactLength ? length != LUS_PORTSET_QUERY_SIZE(*count)
+                          : length < LUS_PORTSET_QUERY_SIZE(*count)) {
+      *refusal = LUS_INTAKE_SIZE;
+   } else {
+      *query = buf;
+      return HYK_OK;
+   }
+   LUS_Free(lusHeapID_0, buf);
+   return HYK_BAD_PARAM;
+}
+
+/* Logs a refusal of lusPortsetPayloadIn under the name of the handler that expands it. */
+#define LUS_LOG_PORTSET_PAYLOAD_REFUSAL(refusal, status, count)                          \
+   do {                                                                                 \
+      if ((refusal) == LUS_INTAKE_SIZE) {                                               \
+         LUS_LOG_STATUS(LUS_LOG_ERROR, (status), "Invalid size of input query : %s\n");  \
+      } else if ((refusal) == LUS_INTAKE_COUNT) {                                       \
+         LUS_LOG_STATUS(LUS_LOG_ERROR, (status), "Invalid number of portsets %d : %s\n", \
+                        (int)(count));                                                  \
+      } else {                                                                          \
+         LUS_LOG_PAYLOAD_REFUSAL(refusal, status);                                      \
+      }                                                                                 \
+   } while (0)
+
 /* ---- command handlers ---------------------------------------------------------------- */
 
 /* Commands 0-3: registration of type 1-4 for the listed portsets. */
@@ -475,34 +525,13 @@ static hyk_Status CharDevLUSBlockPorts(const LusIoctlHeader *header)
       (uint32_t)(hyk_TimerMonotonicCounter() / hyk_GetMonotonicCounterFrequency());
    __atomic_store_n(&startOutageTime, now, __ATOMIC_RELAXED);
 
-   void *payload;
+   LusPortsetQuery *query;
+   uint32_t count;
    LusIntakeRefusal refusal;
-   hyk_Status status = lusPayloadIn(header, &payload, &refusal);
+   hyk_Status status = lusPortsetPayloadIn(header, true, &query, &count, &refusal);
    if (status != HYK_OK) {
-      LUS_LOG_PAYLOAD_REFUSAL(refusal, status);
-      LUS_Free(lusHeapID_0, payload);
+      LUS_LOG_PORTSET_PAYLOAD_REFUSAL(refusal, status, count);
       return status;
-   }
-   LusPortsetQuery *query = static_cast<LusPortsetQuery *>(payload);
-   const uint32_t length = header->length;
-
-   /* The count itself lies in the first 9 bytes. */
-   if (length < sizeof(LusPortsetQuery)) {
-      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "Invalid size of input query : %s\n");
-      LUS_Free(lusHeapID_0, payload);
-      return HYK_BAD_PARAM;
-   }
-   const uint32_t count = query->numPortsets;
-   if (count > LUS_MAX_PORTSETS) {
-      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "Invalid number of portsets %d : %s\n",
-                     (int)count);
-      LUS_Free(lusHeapID_0, payload);
-      return HYK_BAD_PARAM;
-   }
-   if (length != LUS_PORTSET_QUERY_SIZE(count)) {
-      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "Invalid size of input query : %s\n");
-      LUS_Free(lusHeapID_0, payload);
-      return HYK_BAD_PARAM;
    }
 
    __atomic_store_n(&maxAllowedOutageTime, query->maxOutageTime, __ATOMIC_RELAXED);
@@ -537,7 +566,7 @@ static hyk_Status CharDevLUSBlockPorts(const LusIoctlHeader *header)
       hyk_PortsetRelease(&ps);
    }
 
-   LUS_Free(lusHeapID_0, payload);
+   LUS_Free(lusHeapID_0, query);
    return status;
 }
 
@@ -673,34 +702,14 @@ static hyk_Status CharDevLUSFdpOp(const LusIoctlHeader *header)
 /* Command 14: raises the cswitch deactivate/activate events on every listed portset. */
 static hyk_Status CharDevLUSRaiseCswitchEvents(const LusIoctlHeader *header)
 {
-   void *payload;
-   LusIntakeRefusal refusal;
-   hyk_Status status = lusPayloadIn(header, &payload, &refusal);
-   if (status != HYK_OK) {
-      LUS_LOG_PAYLOAD_REFUSAL(refusal, status);
-      LUS_Free(lusHeapID_0, payload);
-      return status;
-   }
-   LusPortsetQuery *query = static_cast<LusPortsetQuery *>(payload);
-   const uint32_t length = header->length;
-
-   if (length < sizeof(LusPortsetQuery)) {
-      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "Invalid size of input query : %s\n");
-      LUS_Free(lusHeapID_0, payload);
-      return HYK_BAD_PARAM;
-   }
-   const uint32_t count = query->numPortsets;
-   if (count > LUS_MAX_PORTSETS) {
-      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "Invalid number of portsets %d : %s\n",
-                     (int)count);
-      LUS_Free(lusHeapID_0, payload);
-      return HYK_BAD_PARAM;
-   }
    /* Trailing bytes are tolerated here (unlike command 6); missing entries are not. */
-   if (length < LUS_PORTSET_QUERY_SIZE(count)) {
-      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "Invalid size of input query : %s\n");
-      LUS_Free(lusHeapID_0, payload);
-      return HYK_BAD_PARAM;
+   LusPortsetQuery *query;
+   uint32_t count;
+   LusIntakeRefusal refusal;
+   hyk_Status status = lusPortsetPayloadIn(header, false, &query, &count, &refusal);
+   if (status != HYK_OK) {
+      LUS_LOG_PORTSET_PAYLOAD_REFUSAL(refusal, status, count);
+      return status;
    }
 
    status = HYK_OK;
@@ -722,7 +731,7 @@ static hyk_Status CharDevLUSRaiseCswitchEvents(const LusIoctlHeader *header)
       }
    }
 
-   LUS_Free(lusHeapID_0, payload);
+   LUS_Free(lusHeapID_0, query);
    return status;
 }
 

@@ -33,7 +33,7 @@ TEST_F(ModuleLoadTest, LoadCreatesResourcesInOrder) {
    std::vector<std::string> expected = {
       "hyk_HeapCreate",     "hyk_HeapCreate",       "hyk_HeapCreate",    "hyk_LogRegister",
       "hyk_LogRegister",    "hyk_TimerQueueCreate", "hyk_CharDevRegister", "hyk_LockDomainCreate",
-      "hyk_RWSpinlockCreate", "hyk_SpinlockCreate"};
+      "hyk_RWSpinlockCreate", "hyk_SpinlockCreate", "hyk_SpinlockCreate"};
    EXPECT_EQ(Filter(hyksim::Trace()), expected);
 
    auto heap0 = hyksim::FindHeap("lus_heap_0");
@@ -67,7 +67,8 @@ TEST_F(ModuleLoadTest, LoadCreatesResourcesInOrder) {
    auto counts = hyksim::Counts();
    EXPECT_EQ(counts.timerQueues, 1u);
    EXPECT_EQ(counts.lockDomains, 1u);
-   EXPECT_EQ(counts.spinlocks, 2u);
+   // The client lock, the world's lock and the map lock.
+   EXPECT_EQ(counts.spinlocks, 3u);
    EXPECT_EQ(CountPlainPrinterLines("LUS Log level set to 3", false), 1u);
 
    // The two lists start empty: each head points at itself.
@@ -82,7 +83,7 @@ TEST_F(ModuleLoadTest, UnloadReleasesResourcesInReverseOrder) {
    hyksim::TraceEnable(true);
    ASSERT_EQ(UnloadLus(), HYK_OK);
    std::vector<std::string> expected = {
-      "hyk_NetEventUnregister", "hyk_SpinlockDestroy", "hyk_RWSpinlockDestroy",
+      "hyk_NetEventUnregister", "hyk_SpinlockDestroy", "hyk_SpinlockDestroy", "hyk_RWSpinlockDestroy",
       "hyk_LockDomainDestroy",  "hyk_TimerQueueDestroy", "hyk_CharDevUnregister",
       "hyk_LogUnregister",      "hyk_LogUnregister",     "hyk_HeapDestroy",
       "hyk_HeapDestroy",        "hyk_HeapDestroy"};
@@ -222,7 +223,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "LUS - failed to register char device : Already exists", "lusInit"},
       LoadFault{"hyk_LockDomainCreate", 1, HYK_NO_MEMORY, false, "lusLockInit", "Failed to create lock domain tarnq-lus : Out of memory", "", ""},
       LoadFault{"hyk_RWSpinlockCreate", 1, HYK_NO_MEMORY, false, "lusLockInit", "Failed to create lus client lock : Out of memory", "", ""},
-      LoadFault{"hyk_SpinlockCreate", 1, HYK_NO_MEMORY, false, "lusLockInit", "Failed to create lus dummy lock : Out of memory", "", ""}),
+      LoadFault{"hyk_SpinlockCreate", 1, HYK_NO_MEMORY, false, "lusLockInit", "Failed to create lus dummy lock : Out of memory", "", ""},
+      LoadFault{"hyk_SpinlockCreate", 2, HYK_NO_MEMORY, false, "lusLockInit", "Failed to create lus map lock : Out of memory", "", ""}),
    [](const ::testing::TestParamInfo<LoadFault> &info) {
       return std::string(info.param.op + 4) + "Call" + std::to_string(info.param.nth);
    });

@@ -76,7 +76,13 @@ TEST_F(ClientRegistryTest, TwentyFourthRegistrationSucceedsTwentyFifthFails) {
    }
    EXPECT_EQ(cs[24]->registerStatuses, std::vector<hyk_Status>{HYK_BAD_PARAM});
    EXPECT_EQ(cs[24]->handle(), nullptr);
-   EXPECT_EQ(Var<int32_t>("numToClients"), 24);
+   // The failed post still marked the edition, so the clear withdrew the 24
+   // that did register: none keeps a use count on its module.
+   EXPECT_EQ(Var<int32_t>("numToClients"), 0);
+   for (int i = 0; i < 24; i++) {
+      EXPECT_EQ(cs[i]->unregisterStatuses, std::vector<hyk_Status>{HYK_OK}) << i;
+      EXPECT_EQ(hyksim::FindModule(cs[i]->config().moduleName)->useCount, 0u) << i;
+   }
    EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("lusClientRTRegister", 7,
                  "Error: LUS Clients 24 for type 2 exceeds MAX clients supported : Bad parameter"), 1), 1u);
    EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("lus_ClientRegister", 7,
@@ -98,7 +104,10 @@ TEST_F(ClientRegistryTest, SameNameTwiceUnderOneTypeFailsWithWithregTypeMessage)
                  "Client fw has already registered before withregType 2 : Bad parameter"), 1), 1u);
    EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("lus_ClientRegister", 7,
                  "Client: fw Registration FAIL : Bad parameter"), 1), 1u);
-   EXPECT_EQ(Var<int32_t>("numToClients"), 1);
+   // The client that did register is withdrawn by the clear of the failed post.
+   EXPECT_EQ(Var<int32_t>("numToClients"), 0);
+   EXPECT_EQ(a->unregisterStatuses, std::vector<hyk_Status>{HYK_OK});
+   EXPECT_EQ(hyksim::FindModule(a->config().moduleName)->useCount, 0u);
 }
 
 TEST_F(ClientRegistryTest, SameNameMayRegisterOnceInEachTable) {

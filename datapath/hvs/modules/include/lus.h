@@ -119,6 +119,12 @@ static_assert(offsetof(ClientInfo, upgradePhase) == 96, "ClientInfo layout");
 /* A registered client: a row of fromClients or toClients. */
 struct ClientEntry {
    char clientName[LUS_CLIENT_NAME_LEN]; /* the key; first, so an entry reads as its name */
+   /*
+    * Always NUL: a name of 32 characters fills clientName without a
+    * terminator, and every line that prints the name with %s stops here
+    * instead of running on into moduleID.
+    */
+   char clientNameEnd;
    hyk_ModuleID moduleID;
    uint8_t inUse;
    uint64_t clientContext;
@@ -126,10 +132,11 @@ struct ClientEntry {
    uint32_t upgradePhase;
    uint32_t clientType; /* LUS_CLIENT_* */
 };
-static_assert(offsetof(ClientEntry, moduleID) == 32, "ClientEntry layout");
-static_assert(offsetof(ClientEntry, clientContext) == 40, "ClientEntry layout");
-static_assert(offsetof(ClientEntry, ops) == 48, "ClientEntry layout");
-static_assert(sizeof(ClientEntry) == 152, "ClientEntry layout");
+static_assert(offsetof(ClientEntry, clientNameEnd) == LUS_CLIENT_NAME_LEN, "ClientEntry layout");
+static_assert(offsetof(ClientEntry, moduleID) == 36, "ClientEntry layout");
+static_assert(offsetof(ClientEntry, clientContext) == 48, "ClientEntry layout");
+static_assert(offsetof(ClientEntry, ops) == 56, "ClientEntry layout");
+static_assert(sizeof(ClientEntry) == 160, "ClientEntry layout");
 
 /*
  * Saved state of one client for one port, interface version 0, in
@@ -138,7 +145,13 @@ static_assert(sizeof(ClientEntry) == 152, "ClientEntry layout");
 struct LusInstance {
    LusListLinks link;
    uint8_t hasState;
-   uint8_t pad0[7];
+   /*
+    * LUS_CLAIM_* bits, under lusMapLock: a thread that runs a client
+    * callback on this record has claimed it, so that no other path frees it
+    * meanwhile.  Lives in what was padding; the layout is unchanged.
+    */
+   uint8_t claim;
+   uint8_t pad0[6];
    ClientEntry *toClient;
    ClientEntry *fromClient;
    uint64_t stateLen;
@@ -150,6 +163,13 @@ struct LusInstance {
    uint32_t requiredRestoreEvent;
 };
 static_assert(offsetof(LusInstance, hasState) == 16, "LusInstance layout");
+static_assert(offsetof(LusInstance, toClient) == 24, "LusInstance layout");
+
+/* Claim bits of a version 0 record. */
+enum : uint8_t {
+   LUS_CLAIM_BUSY = 0x1,     /* a callback on this record is under way */
+   LUS_CLAIM_DETACHED = 0x2, /* a clear unlinked it meanwhile: the claimer frees it */
+};
 static_assert(offsetof(LusInstance, vmUUID) == 68, "LusInstance layout");
 static_assert(sizeof(LusInstance) == 216, "the version 0 record is 216 bytes");
 

@@ -254,9 +254,12 @@ hyk_Status lusRaiseCswitchEvents(hyk_Portset *ps)
 
 /* ---- device registration ------------------------------------------------------------ */
 
-static constinit const hyk_CharDevOps charDevOps = {
+/* Named, like every operation of the module, so that a debugger finds the device's table. */
+HYK_EXTERN_C_BEGIN
+constinit const hyk_CharDevOps charDevOps = {
    lusCharDevOpen, lusCharDevClose, lusCharDevIoctl, nullptr, nullptr, nullptr,
 };
+HYK_EXTERN_C_END
 
 hyk_Status lusCharDevActivate(void)
 {
@@ -458,7 +461,7 @@ static hyk_Status lusPortsetPayloadIn(const LusIoctlHeader *header, bool exactLe
 /* ---- command handlers ---------------------------------------------------------------- */
 
 /* Commands 0-3: registration of type 1-4 for the listed portsets. */
-static hyk_Status CharDevLUSReg(const LusIoctlHeader *header, uint32_t regType)
+hyk_Status CharDevLUSReg(const LusIoctlHeader *header, uint32_t regType)
 {
    LusPortsetQuery *query;
    LusIntakeRefusal refusal;
@@ -477,7 +480,7 @@ static hyk_Status CharDevLUSReg(const LusIoctlHeader *header, uint32_t regType)
 }
 
 /* Command 4: save the state of every listed portset. */
-static hyk_Status CharDevLUSPreUnload(const LusIoctlHeader *header)
+hyk_Status CharDevLUSPreUnload(const LusIoctlHeader *header)
 {
    LusPortsetQuery *query;
    LusIntakeRefusal refusal;
@@ -496,7 +499,7 @@ static hyk_Status CharDevLUSPreUnload(const LusIoctlHeader *header)
 }
 
 /* Command 5: restore every listed portset. */
-static hyk_Status CharDevLUSRestore(const LusIoctlHeader *header)
+hyk_Status CharDevLUSRestore(const LusIoctlHeader *header)
 {
    LusPortsetQuery *query;
    LusIntakeRefusal refusal;
@@ -519,7 +522,7 @@ static hyk_Status CharDevLUSRestore(const LusIoctlHeader *header)
  * portset.  The clock starts before anything else, so the outage counts from
  * the moment the command arrived, even when the command is then refused.
  */
-static hyk_Status CharDevLUSBlockPorts(const LusIoctlHeader *header)
+hyk_Status CharDevLUSBlockPorts(const LusIoctlHeader *header)
 {
    const uint32_t now =
       (uint32_t)(hyk_TimerMonotonicCounter() / hyk_GetMonotonicCounterFrequency());
@@ -575,7 +578,7 @@ static hyk_Status CharDevLUSBlockPorts(const LusIoctlHeader *header)
  * The world reads the payload buffer for its whole life, so the buffer is
  * freed only once the world is dead.
  */
-static hyk_Status CharDevLUSPsUpgrade(const LusIoctlHeader *header)
+hyk_Status CharDevLUSPsUpgrade(const LusIoctlHeader *header)
 {
    void *payload;
    LusIntakeRefusal refusal;
@@ -637,7 +640,7 @@ static hyk_Status CharDevLUSPsUpgrade(const LusIoctlHeader *header)
 }
 
 /* Command 13: deactivates the old or activates the new fast-datapath module of one portset. */
-static hyk_Status CharDevLUSFdpOp(const LusIoctlHeader *header)
+hyk_Status CharDevLUSFdpOp(const LusIoctlHeader *header)
 {
    LusFdpCmdRecord record;
    for (uint32_t i = 0; i < sizeof(record); i++) {
@@ -700,7 +703,7 @@ static hyk_Status CharDevLUSFdpOp(const LusIoctlHeader *header)
 }
 
 /* Command 14: raises the cswitch deactivate/activate events on every listed portset. */
-static hyk_Status CharDevLUSRaiseCswitchEvents(const LusIoctlHeader *header)
+hyk_Status CharDevLUSRaiseCswitchEvents(const LusIoctlHeader *header)
 {
    /* Trailing bytes are tolerated here (unlike command 6); missing entries are not. */
    LusPortsetQuery *query;
@@ -839,5 +842,9 @@ hyk_Status lusCharDevIoctl(hyk_CharDevFile *file, uint32_t cmd, hyk_UserVA arg)
       return HYK_BAD_PARAM;
    }
 
-   return lusIoctlTable[cmd](&header);
+   /* A command owns the registry for its whole run, the upgrade world included. */
+   lusRegistryAcquire();
+   status = lusIoctlTable[cmd](&header);
+   lusRegistryRelease();
+   return status;
 }

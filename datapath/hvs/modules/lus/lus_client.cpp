@@ -102,22 +102,31 @@ static hyk_Status lusClientRTRegister(hyk_ModuleID moduleID, const char *name,
    ClientEntry *table = lusRegTable[idx];
    const uint32_t clientType = lusRegClientType[idx];
 
-   if (*counter > LUS_MAX_CLIENTS - 1) {
+   /*
+    * Rows are written under lusMapLock: restore events read the to-build
+    * rows (names, callbacks, inUse) on other threads while a command
+    * registers.
+    */
+   lusMapLockTake();
+   const int32_t used = *counter;
+   if (used > LUS_MAX_CLIENTS - 1) {
+      lusMapLockDrop();
       LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
                      "Error: LUS Clients %d for type %d exceeds MAX clients supported : %s\n",
-                     *counter, clientType);
+                     used, clientType);
       return HYK_BAD_PARAM;
    }
 
    /* Every entry below the counter, in use or not, holds a name that counts. */
-   if (lusClientExists(name, table, *counter)) {
+   if (lusClientExists(name, table, used)) {
+      lusMapLockDrop();
       LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
                      "Client %s has already registered before withregType %d : %s\n", name,
                      currRegType);
       return HYK_BAD_PARAM;
    }
 
-   ClientEntry *entry = &table[*counter];
+   ClientEntry *entry = &table[used];
    entry->ops.prefetch = info->ops.prefetch;
    entry->ops.getSize = info->ops.getSize;
    entry->ops.getRuntimeState = info->ops.getRuntimeState;
@@ -138,17 +147,21 @@ static hyk_Status lusClientRTRegister(hyk_ModuleID moduleID, const char *name,
       entry->upgradePhase = info->upgradePhase;
    }
    lusStrNCpy(entry->clientName, name, LUS_CLIENT_NAME_LEN);
+   entry->clientNameEnd = '\0';
    entry->moduleID = moduleID;
-   entry->inUse = 1;
+   __atomic_store_n(&entry->inUse, 1, __ATOMIC_RELAXED);
    entry->clientType = clientType;
    *handle = entry;
    (*counter)++;
+   const int32_t nFrom = numFromClients;
+   const int32_t nTo = numToClients;
+   lusMapLockDrop();
    /* A registered client must not be unloaded under us. */
    hyk_ModuleIncUseCount(moduleID);
 
    LUS_LOG(LUS_LOG_INFO,
            "Successfully registered: client %s numFromClients %d numToClient %d regType %d\n",
-           name, numFromClients, numToClients, currRegType);
+           name, nFrom, nTo, currRegType);
    return HYK_OK;
 }
 
@@ -170,27 +183,36 @@ hyk_Status lus_ClientRegister(hyk_ModuleID moduleID, char *name, ClientInfo *inf
 
 static hyk_Status lusClientRTUnregister(ClientEntry *handle)
 {
+   lusMapLockTake();
    if (handle->inUse == 0) {
+      lusMapLockDrop();
       LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
                      "Trying to unregister invalid client handle : %s\n");
       return HYK_BAD_PARAM;
    }
 
-   handle->inUse = 0;
-   if (handle->clientType == LUS_CLIENT_FROM) {
+   __atomic_store_n(&handle->inUse, 0, __ATOMIC_RELAXED);
+   const uint32_t clientType = handle->clientType;
+   if (clientType == LUS_CLIENT_FROM) {
       numFromClients--;
-   } else if (handle->clientType == LUS_CLIENT_TO) {
+   } else if (clientType == LUS_CLIENT_TO) {
       numToClients--;
-   } else {
+   }
+   const int32_t nFrom = numFromClients;
+   const int32_t nTo = numToClients;
+   const hyk_ModuleID moduleID = handle->moduleID;
+   lusMapLockDrop();
+
+   if (clientType != LUS_CLIENT_FROM && clientType != LUS_CLIENT_TO) {
       LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
-                     "Trying to unregister invalid client of type %d : %s\n", handle->clientType);
+                     "Trying to unregister invalid client of type %d : %s\n", clientType);
       return HYK_BAD_PARAM;
    }
 
-   hyk_ModuleDecUseCount(handle->moduleID);
+   hyk_ModuleDecUseCount(moduleID);
    LUS_LOG(LUS_LOG_INFO,
            "Successfully unregistered: client %s numFromClients %d numToClients %d\n",
-           handle->clientName, numFromClients, numToClients);
+           handle->clientName, nFrom, nTo);
    return HYK_OK;
 }
 
@@ -211,10 +233,12 @@ hyk_Status lus_ClientUnregister(ClientEntry *handle)
 ClientEntry *LUS_GetClientName(LusClientInst *record)
 {
    if (record != nullptr) {
-      if (record->fromClient != nullptr && record->fromClient->inUse) {
+      if (record->fromClient != nullptr &&
+          __atomic_load_n(&record->fromClient->inUse, __ATOMIC_RELAXED)) {
          return record->fromClient;
       }
-      if (record->toClient != nullptr && record->toClient->inUse) {
+      if (record->toClient != nullptr &&
+          __atomic_load_n(&record->toClient->inUse, __ATOMIC_RELAXED)) {
          return record->toClient;
       }
    }
@@ -224,15 +248,27 @@ ClientEntry *LUS_GetClientName(LusClientInst *record)
 
 /* ---- registration API --------------------------------------------------------------- */
 
+/*
+ * The maps are unpublished under both locks (the pull restore finds the
+ * port-phase map under the read side, restore events find the portset-phase
+ * map under lusMapLock) and freed after.
+ */
 void lusFreeHashMaps(void)
 {
-   if (lusHashMap != nullptr) {
-      LUS_Free(lusHashMap->heap, lusHashMap);
-      lusHashMap = nullptr;
+   hyk_RWSpinlockWriteLock(lusClientLock);
+   lusMapLockTake();
+   LusHashMap *psMap = lusHashMap;
+   LusHashMap *portMap = lusPerPortHashMap;
+   lusHashMap = nullptr;
+   lusPerPortHashMap = nullptr;
+   lusMapLockDrop();
+   hyk_RWSpinlockWriteUnlock(lusClientLock);
+
+   if (psMap != nullptr) {
+      LUS_Free(psMap->heap, psMap);
    }
-   if (lusPerPortHashMap != nullptr) {
-      LUS_Free(lusPerPortHashMap->heap, lusPerPortHashMap);
-      lusPerPortHashMap = nullptr;
+   if (portMap != nullptr) {
+      LUS_Free(portMap->heap, portMap);
    }
 }
 
@@ -280,13 +316,22 @@ hyk_Status LUS_Reg(uint8_t legacyEdition, uint32_t regType)
    lusEventOps.registerFn.reg = lus_ClientRegister;
    lusEventOps.getClientNameFn = LUS_GetClientName;
 
-   /* Clients register synchronously, from inside the post. */
+   /*
+    * Clients register synchronously, from inside the post.  A post that
+    * fails after some clients registered still marks the edition: the clear
+    * (and the unload) withdraw registrations only of a marked edition, and
+    * those clients hold use counts on their modules.
+    */
+   const int32_t before = numFromClients + numToClients;
    if (legacyEdition) {
       LUS_LOG(LUS_LOG_INFO, "TARNJ Registration detected, send TARNJ_LUS_CLIENT_REG_UNREG\n");
       status = hyk_NetEventPost(0, LUS_CLIENT_EVENT_LEGACY, &lusEventOps, sizeof(lusEventOps));
       if (status != HYK_OK) {
          LUS_LOG_STATUS(LUS_LOG_ERROR, status,
                         "Error status from LUS Registration event for TARNJ : %s\n");
+         if (numFromClients + numToClients != before) {
+            __atomic_store_n(&lusTARNJRegistered, 1, __ATOMIC_RELAXED);
+         }
          goto clearAndFree;
       }
       __atomic_store_n(&lusTARNJRegistered, 1, __ATOMIC_RELAXED);
@@ -295,6 +340,9 @@ hyk_Status LUS_Reg(uint8_t legacyEdition, uint32_t regType)
       status = hyk_NetEventPost(0, LUS_CLIENT_EVENT, &lusEventOps, sizeof(lusEventOps));
       if (status != HYK_OK) {
          LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Error status from LUS Registration event : %s\n");
+         if (numFromClients + numToClients != before) {
+            __atomic_store_n(&lusTARNQRegistered, 1, __ATOMIC_RELAXED);
+         }
          goto clearAndFree;
       }
       __atomic_store_n(&lusTARNQRegistered, 1, __ATOMIC_RELAXED);
@@ -410,28 +458,37 @@ static bool lusMapHoldsV1(const LusHashMap *map)
    return map->keyLen == sizeof(hyk_PortID);
 }
 
+/* A map is published (under lusMapLock) only once it is whole. */
+static void lusPublishMap(LusHashMap **slot, LusHashMap *map)
+{
+   lusMapLockTake();
+   *slot = map;
+   lusMapLockDrop();
+}
+
 hyk_Status createLUSHash(int32_t version)
 {
    LUS_LOG(LUS_LOG_INFO, "Creating LUS Hash with version %d\n", version);
 
-   lusHashMap = static_cast<LusHashMap *>(LUS_AllocFromHeap(lusHeapID_0, TARN_HASH_ALLOC_SIZE));
-   if (lusHashMap == nullptr) {
+   LusHashMap *map = static_cast<LusHashMap *>(LUS_AllocFromHeap(lusHeapID_0, TARN_HASH_ALLOC_SIZE));
+   if (map == nullptr) {
       LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NO_MEMORY, "Failed to create portset phase hash table : %s\n");
       return HYK_NO_MEMORY;
    }
-   lusInitMap(lusHashMap, version);
+   lusInitMap(map, version);
+   lusPublishMap(&lusHashMap, map);
    if (version < 1) {
       return HYK_OK;
    }
 
    /* The caller frees the portset-phase map too when this one fails. */
-   lusPerPortHashMap =
-      static_cast<LusHashMap *>(LUS_AllocFromHeap(lusHeapID_0, TARN_HASH_ALLOC_SIZE));
-   if (lusPerPortHashMap == nullptr) {
+   map = static_cast<LusHashMap *>(LUS_AllocFromHeap(lusHeapID_0, TARN_HASH_ALLOC_SIZE));
+   if (map == nullptr) {
       LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NO_MEMORY, "Failed to create port phase hash table : %s\n");
       return HYK_NO_MEMORY;
    }
-   lusInitMap(lusPerPortHashMap, version);
+   lusInitMap(map, version);
+   lusPublishMap(&lusPerPortHashMap, map);
    return HYK_OK;
 }
 
@@ -453,12 +510,23 @@ static bool lusMapVersionMismatch(const LusHashMap *map, bool wantV1)
    return true;
 }
 
+/*
+ * A version 1 port's records are worked on only by a thread that holds the
+ * port's portset exclusively (the upgrade world, the pull restore, the
+ * single-port upgrade), and the port is removed only by the registry's
+ * owner or by a clear that excludes the pull restore; so the instance found
+ * here stays valid for its finder.  The chain walk itself is a map
+ * operation and runs under lusMapLock.
+ */
 LusPortInstV1 *lusLookupPortV1(LusHashMap *map, uint32_t portID)
 {
    if (map == nullptr || !lusMapHoldsV1(map)) {
       return nullptr;
    }
-   return reinterpret_cast<LusPortInstV1 *>(TarnHash_Lookup(map, &portID));
+   lusMapLockTake();
+   LusPortInstV1 *port = reinterpret_cast<LusPortInstV1 *>(TarnHash_Lookup(map, &portID));
+   lusMapLockDrop();
+   return port;
 }
 
 LusClientInst *lusFindInstanceV1(LusPortInstV1 *instance, const char *name)
@@ -528,7 +596,9 @@ LusClientInst *lusClientInstInitV1(uint32_t portID, LusRegContext *ctx, ClientEn
       instance->portID = portID;
       LusList_Init(&instance->clients);
       LusList_InsertHead(&instance->clients, &rec->link);
+      lusMapLockTake();
       TarnHash_Insert(map, &instance->link);
+      lusMapLockDrop();
       __atomic_fetch_add(&numLUSInstances, 1u, __ATOMIC_RELAXED);
       if (map == lusPerPortHashMap) {
          LUS_LOG(LUS_LOG_INFO, "port %u client %s added in lus per port hash map\n", portID, name);
@@ -542,8 +612,9 @@ LusClientInst *lusClientInstInitV1(uint32_t portID, LusRegContext *ctx, ClientEn
 /*
  * Version 0 lookups walk every bucket rather than hash: the record is found
  * by its UUID and its vNIC index together, and the key hashes the UUID only.
+ * The caller holds lusMapLock.
  */
-static LusInstance *lusScanV0(const char *uuid, uint32_t vnicIndex, const char *name)
+LusInstance *lusScanV0(const char *uuid, uint32_t vnicIndex, const char *name)
 {
    if (lusHashMap == nullptr || lusMapHoldsV1(lusHashMap)) {
       return nullptr;
@@ -565,14 +636,71 @@ static LusInstance *lusScanV0(const char *uuid, uint32_t vnicIndex, const char *
    return nullptr;
 }
 
+/*
+ * The exported lookups answer whether a record exists; a caller that goes on
+ * to use the record claims it instead (lusClaimV0), since a restore event
+ * may free it the moment the lock is let go.
+ */
 LusInstance *LUS_FindMatchingInstance(const char *uuid, uint32_t vnicIndex, const char *name)
 {
-   return lusScanV0(uuid, vnicIndex, name);
+   lusMapLockTake();
+   LusInstance *rec = lusScanV0(uuid, vnicIndex, name);
+   lusMapLockDrop();
+   return rec;
 }
 
 LusInstance *LUS_CheckPortInHash(const char *uuid, uint32_t vnicIndex)
 {
-   return lusScanV0(uuid, vnicIndex, nullptr);
+   lusMapLockTake();
+   LusInstance *rec = lusScanV0(uuid, vnicIndex, nullptr);
+   lusMapLockDrop();
+   return rec;
+}
+
+LusInstance *lusClaimV0(const char *uuid, uint32_t vnicIndex, const char *name, bool *busy)
+{
+   lusMapLockTake();
+   LusInstance *rec = lusScanV0(uuid, vnicIndex, name);
+   if (rec != nullptr && (rec->claim & LUS_CLAIM_BUSY) != 0) {
+      *busy = true;
+      rec = nullptr;
+   } else if (rec != nullptr) {
+      rec->claim = LUS_CLAIM_BUSY;
+   }
+   lusMapLockDrop();
+   return rec;
+}
+
+bool lusReleaseV0(LusInstance *record)
+{
+   lusMapLockTake();
+   const bool detached = (record->claim & LUS_CLAIM_DETACHED) != 0;
+   record->claim = 0;
+   lusMapLockDrop();
+   return detached;
+}
+
+void lusForgetStateV0(LusInstance *record)
+{
+   if (record->state != nullptr) {
+      LUS_Free(record->stateHeap, record->state);
+      record->state = nullptr;
+   }
+}
+
+void lusForgetStateV1(LusClientInst *record)
+{
+   void *state = __atomic_load_n(&record->state, __ATOMIC_RELAXED);
+   if (state != nullptr) {
+      LUS_Free(record->stateHeap, state);
+      __atomic_store_n(&record->state, nullptr, __ATOMIC_RELAXED);
+   }
+}
+
+void lusFreeDetachedV0(LusInstance *record)
+{
+   lusForgetStateV0(record);
+   LUS_Free(lusHeapID_0, record);
 }
 
 hyk_Status lusGetUUIDVNIC(hyk_PortID port, char *uuid, uint32_t *vnicIndex)
@@ -678,7 +806,9 @@ hyk_Status lusRegForAllPorts(hyk_Portset *ps, hyk_PortID portID, void *data)
                                      ? LUS_RESTORE_EVENT_BOTH
                                      : LUS_RESTORE_EVENT_UNBLOCK;
 
+      lusMapLockTake();
       TarnHash_Insert(lusHashMap, &rec->link);
+      lusMapLockDrop();
       LUS_LOG(LUS_LOG_INFO, "Client Instance created for VM UUID: %s vnic: %d port: 0x%x Client %s\n",
               rec->vmUUID, vnicIndex, portID, name);
       uint32_t n = __atomic_add_fetch(&numLUSInstances, 1u, __ATOMIC_RELAXED);
@@ -687,11 +817,16 @@ hyk_Status lusRegForAllPorts(hyk_Portset *ps, hyk_PortID portID, void *data)
    }
    case LUS_REG_TO: {
       const char *name = ctx->fromEntry->clientName;
-      LusInstance *rec = LUS_FindMatchingInstance(uuid, vnicIndex, name);
+      /* Matched under the lock: a restore event may be reading the record. */
+      lusMapLockTake();
+      LusInstance *rec = lusScanV0(uuid, vnicIndex, name);
+      if (rec != nullptr) {
+         rec->toClient = ctx->toEntry;
+      }
+      lusMapLockDrop();
       if (rec != nullptr) {
          LUS_LOG(LUS_LOG_INFO, "Matched VM UUID: %s vNic: %d for portID %d (0x%x), client %s\n",
                  uuid, vnicIndex, portID, portID, name);
-         rec->toClient = ctx->toEntry;
       } else {
          LUS_LOG_STATUS(LUS_LOG_INFO, HYK_NOT_FOUND,
                         "Restore registration for client %s as client not register during save : %s\n",
@@ -921,23 +1056,46 @@ hyk_Status LUS_RegClientForPortV2(int32_t portID, LusRegContext *ctx, uint8_t is
 
 /* ---- removal ----------------------------------------------------------------------------------- */
 
-void lusDeleteEntry(LusHashMap *map, LusInstance *record)
+/* Takes a version 0 record out of its bucket; the caller holds lusMapLock. */
+static void lusUnlinkV0(LusHashMap *map, LusInstance *record)
 {
    LusHashBucket *bucket = TarnHash_BucketOfKey(map, TarnHash_EntryKey(map, &record->link));
    TarnHash_RemoveFromBucket(map, bucket, &record->link);
+}
+
+/* The rest of a removal, once the record is out of the map. */
+static void lusReportClearedV0(const LusInstance *record)
+{
    uint32_t n = __atomic_sub_fetch(&numLUSInstances, 1u, __ATOMIC_RELAXED);
+   LUS_LOG_AS("lusDeleteEntry", LUS_LOG_INFO, "Client entry cleared: portID: 0x%x client: %s\n",
+              record->portID, lusRecordClientName(record->fromClient, record->toClient));
+   LUS_LOG_AS("lusDeleteEntry", LUS_LOG_INFO, "numLUSInstances %d\n", n);
+}
 
-   LUS_LOG(LUS_LOG_INFO, "Client entry cleared: portID: 0x%x client: %s\n", record->portID,
-           lusRecordClientName(record->fromClient, record->toClient));
-   LUS_LOG(LUS_LOG_INFO, "numLUSInstances %d\n", n);
-
+void lusDeleteEntryUnlinked(LusInstance *record)
+{
+   lusReportClearedV0(record);
    if (record->stateHeap != 0 && record->state != nullptr) {
       LUS_Free(record->stateHeap, record->state);
    }
    LUS_Free(lusHeapID_0, record);
 }
 
-void lusDeleteEntryV1(LusHashMap *map, LusPortInstV1 *instance)
+/*
+ * Removes one version 0 record.  The caller has the record to itself: it
+ * holds the claim on it, or is the registry's owner on a path no restore
+ * event reaches.
+ */
+void lusDeleteEntry(LusHashMap *map, LusInstance *record)
+{
+   lusMapLockTake();
+   lusUnlinkV0(map, record);
+   lusMapLockDrop();
+   lusDeleteEntryUnlinked(record);
+}
+
+/* Frees a version 1 port that is already out of its map, with every client record. */
+static void lusFreePortV1(LusPortInstV1 *instance)
 {
    const uint32_t portID = instance->portID;
 
@@ -950,7 +1108,7 @@ void lusDeleteEntryV1(LusHashMap *map, LusPortInstV1 *instance)
          LUS_Free(rec->stateHeap, rec->state);
       }
       if (rec->stateHeap == 0 || (rec->state != nullptr && rec->stateHeap == 0)) {
-         LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NO_DATA,
+         LUS_LOG_STATUS_AS("lusDeleteEntryV1", LUS_LOG_ERROR, HYK_NO_DATA,
                         "Client %s with no state present in clientList : %s\n",
                         lusRecordClientName(rec->fromClient, rec->toClient));
       }
@@ -959,22 +1117,43 @@ void lusDeleteEntryV1(LusHashMap *map, LusPortInstV1 *instance)
    }
 
    if (!LusList_IsEmpty(&instance->clients)) {
-      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_FAILURE, "Clearing port %d clientList FAILED : %s\n",
+      LUS_LOG_STATUS_AS("lusDeleteEntryV1", LUS_LOG_ERROR, HYK_FAILURE, "Clearing port %d clientList FAILED : %s\n",
                      portID);
    } else {
-      LUS_LOG(LUS_LOG_VERBOSE, "Client list successfully emptied for port %d\n", portID);
+      LUS_LOG_AS("lusDeleteEntryV1", LUS_LOG_VERBOSE, "Client list successfully emptied for port %d\n", portID);
    }
-   LUS_LOG(LUS_LOG_VERBOSE, "Deleting Port %d (0x%x) in Hash\n", portID, portID);
+   LUS_LOG_AS("lusDeleteEntryV1", LUS_LOG_VERBOSE, "Deleting Port %d (0x%x) in Hash\n", portID, portID);
+}
 
+static void lusFinishDeletePortV1(LusPortInstV1 *instance)
+{
+   const uint32_t portID = instance->portID;
+   __atomic_fetch_sub(&numLUSInstances, 1u, __ATOMIC_RELAXED);
+   LUS_Free(lusHeapID_0, instance);
+   LUS_LOG_AS("lusDeleteEntryV1", LUS_LOG_VERBOSE, "SUCCESS: Port %d entry in Hash Map deleted.\n", portID);
+}
+
+/* Takes the instance out of its bucket if it is there; the caller holds lusMapLock. */
+static bool lusUnlinkPortV1(LusHashMap *map, LusPortInstV1 *instance)
+{
    LusHashBucket *bucket = TarnHash_BucketOfKey(map, &instance->portID);
    for (LusListLinks *c = bucket->chain.next; c != &bucket->chain; c = c->next) {
       if (c == &instance->link) {
          TarnHash_RemoveFromBucket(map, bucket, c);
-         __atomic_fetch_sub(&numLUSInstances, 1u, __ATOMIC_RELAXED);
-         LUS_Free(lusHeapID_0, instance);
-         LUS_LOG(LUS_LOG_VERBOSE, "SUCCESS: Port %d entry in Hash Map deleted.\n", portID);
-         return;
+         return true;
       }
+   }
+   return false;
+}
+
+void lusDeleteEntryV1(LusHashMap *map, LusPortInstV1 *instance)
+{
+   lusFreePortV1(instance);
+   lusMapLockTake();
+   const bool found = lusUnlinkPortV1(map, instance);
+   lusMapLockDrop();
+   if (found) {
+      lusFinishDeletePortV1(instance);
    }
 }
 
@@ -986,12 +1165,98 @@ void LUS_RemovePortFromMapV1(LusHashMap *map, uint32_t portID)
    }
 }
 
+/* What an emptying dropped: saved state that no new client was handed. */
+struct LusDropTally {
+   uint32_t ports;
+   uint32_t records;
+   uint64_t bytes;
+};
+
+static bool lusHoldsStateV0(const LusInstance *rec)
+{
+   return rec->state != nullptr && rec->stateLen != 0;
+}
+
+/* Counts a record of a bucket; records of one port share a UUID and so a bucket. */
+static void lusTallyV0(LusDropTally *tally, LusListLinks *gone, LusListLinks *bucketStart,
+                       const LusInstance *rec)
+{
+   if (!lusHoldsStateV0(rec)) {
+      return;
+   }
+   bool portSeen = false;
+   for (LusListLinks *e = bucketStart->next; e != gone; e = e->next) {
+      const LusInstance *other = reinterpret_cast<const LusInstance *>(e);
+      if (other->portID == rec->portID && lusHoldsStateV0(other)) {
+         portSeen = true;
+         break;
+      }
+   }
+   tally->ports += portSeen ? 0 : 1;
+   tally->records++;
+   tally->bytes += rec->stateLen;
+}
+
+static void lusTallyV1(LusDropTally *tally, const LusPortInstV1 *port)
+{
+   bool any = false;
+   for (const LusListLinks *e = port->clients.next; e != &port->clients; e = e->next) {
+      const LusClientInst *rec = reinterpret_cast<const LusClientInst *>(e);
+      if (rec->state != nullptr && rec->stateLen != 0) {
+         any = true;
+         tally->records++;
+         tally->bytes += rec->stateLen;
+      }
+   }
+   tally->ports += any ? 1 : 0;
+}
+
+/*
+ * Takes every entry out of the map onto `gone`, under lusMapLock.  A
+ * version 0 record whose callback is under way stays with its claimer,
+ * marked detached: the claimer frees it when the callback returns.
+ */
+static void lusDetachAll(LusHashMap *map, bool v1, LusListLinks *gone, LusDropTally *tally)
+{
+   LusHashBucket *buckets = TarnHash_Buckets(map);
+   uint32_t left = 0;
+   for (uint32_t b = 0; b <= map->bucketMask; b++) {
+      if (TarnHash_Count(map) <= left) {
+         break;
+      }
+      LusListLinks *chain = &buckets[b].chain;
+      LusListLinks *bucketStart = gone->prev;
+      LusListLinks *e = chain->next;
+      while (e != chain) {
+         LusListLinks *next = e->next;
+         TarnHash_RemoveFromBucket(map, &buckets[b], e);
+         if (v1) {
+            lusTallyV1(tally, reinterpret_cast<LusPortInstV1 *>(e));
+            LusList_InsertTail(gone, e);
+         } else {
+            LusInstance *rec = reinterpret_cast<LusInstance *>(e);
+            if ((rec->claim & LUS_CLAIM_BUSY) != 0) {
+               rec->claim |= LUS_CLAIM_DETACHED;
+               lusReportClearedV0(rec);
+            } else {
+               lusTallyV0(tally, gone, bucketStart, rec);
+               LusList_InsertTail(gone, e);
+            }
+         }
+         e = next;
+      }
+      left += buckets[b].count;
+   }
+}
+
 /*
  * Removes every entry of a map; the map itself stays allocated.  Entries are
  * removed as what the map holds: a caller's version that disagrees with the
  * map's layout (the clear at unload passes whether fromBuild was given, not
  * the version the maps were made with) must not make us free one kind of
- * record as the other.
+ * record as the other.  The entries are taken out under lusMapLock and freed
+ * after; saved state that had not been handed over is reported, so that no
+ * clear loses a port's state silently.
  */
 hyk_Status LUS_HashEmpty(int32_t version, LusHashMap *map)
 {
@@ -1000,31 +1265,39 @@ hyk_Status LUS_HashEmpty(int32_t version, LusHashMap *map)
    }
 
    const bool v1 = lusMapHoldsV1(map);
-   LusHashBucket *buckets = TarnHash_Buckets(map);
-   uint32_t left = 0;
-   for (uint32_t b = 0; b <= map->bucketMask; b++) {
-      if (TarnHash_Count(map) <= left) {
-         break;
+   LusListLinks gone;
+   LusDropTally dropped = {};
+   LusList_Init(&gone);
+
+   lusMapLockTake();
+   lusDetachAll(map, v1, &gone, &dropped);
+   lusMapLockDrop();
+
+   LusListLinks *e = gone.next;
+   while (e != &gone) {
+      LusListLinks *next = e->next;
+      if (v1) {
+         LusPortInstV1 *port = reinterpret_cast<LusPortInstV1 *>(e);
+         lusFreePortV1(port);
+         lusFinishDeletePortV1(port);
+      } else {
+         lusDeleteEntryUnlinked(reinterpret_cast<LusInstance *>(e));
       }
-      LusListLinks *chain = &buckets[b].chain;
-      LusListLinks *e = chain->next;
-      while (e != chain) {
-         LusListLinks *next = e->next;
-         if (v1) {
-            lusDeleteEntryV1(map, reinterpret_cast<LusPortInstV1 *>(e));
-         } else {
-            lusDeleteEntry(map, reinterpret_cast<LusInstance *>(e));
-         }
-         e = next;
-      }
-      left += buckets[b].count;
+      e = next;
    }
 
    if (version == 0) {
       LUS_LOG(LUS_LOG_INFO, "LUS hash table free'd\n");
    }
+   if (dropped.ports != 0) {
+      LUS_LOG(LUS_LOG_ERROR,
+              "Dropped saved state that was never restored: %u ports, %u client records, %lu bytes\n",
+              dropped.ports, dropped.records, (unsigned long)dropped.bytes);
+   }
 
+   lusMapLockTake();
    uint32_t remaining = TarnHash_Count(map);
+   lusMapLockDrop();
    if (remaining != 0) {
       LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
                      "Unable to empty hash, No. of hash entries remaining in hash %lu : %s\n",

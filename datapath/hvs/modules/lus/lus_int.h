@@ -71,11 +71,17 @@ static inline bool lusLogErrorCode(hyk_Status status, uint32_t *code)
  * LUS_LOG: a plain line.  The level is tested before the host is called so
  * that a suppressed per-port line costs no formatting at all.
  */
-#define LUS_LOG(level, fmt, ...)                                                    \
+#define LUS_LOG(level, fmt, ...) LUS_LOG_AS(__func__, level, fmt __VA_OPT__(, ) __VA_ARGS__)
+
+/*
+ * LUS_LOG_AS: a plain line in the name of `fn`, for a helper that does part
+ * of an operation's work and reports it as that operation.
+ */
+#define LUS_LOG_AS(fn, level, fmt, ...)                                             \
    do {                                                                             \
       if (hyk_LogGetCurrentLogLevel(lusLogHandle) > (level) - 1) {                  \
          hyk_LogLevel(LUS_LOG_URGENCY, lusLogHandle, (level), LUS_LOG_TAG fmt,      \
-                      __func__, __LINE__, LUS_SUBCOMP __VA_OPT__(, ) __VA_ARGS__);  \
+                      (fn), __LINE__, LUS_SUBCOMP __VA_OPT__(, ) __VA_ARGS__);      \
       }                                                                             \
    } while (0)
 
@@ -87,16 +93,19 @@ static inline bool lusLogErrorCode(hyk_Status status, uint32_t *code)
  * and its text is looked up only then.
  */
 #define LUS_LOG_STATUS(level, status, fmt, ...)                                     \
+   LUS_LOG_STATUS_AS(__func__, level, status, fmt __VA_OPT__(, ) __VA_ARGS__)
+
+#define LUS_LOG_STATUS_AS(fn, level, status, fmt, ...)                              \
    do {                                                                             \
       hyk_Status lusLogSt_ = (status);                                              \
       uint32_t lusLogCode_;                                                         \
       if (lusLogErrorCode(lusLogSt_, &lusLogCode_)) {                               \
          hyk_LogLevel(LUS_LOG_URGENCY, lusLogHandle, (level), LUS_LOG_TAG_EC fmt,   \
-                      __func__, __LINE__, LUS_SUBCOMP, lusLogCode_,                 \
+                      (fn), __LINE__, LUS_SUBCOMP, lusLogCode_,                     \
                       __VA_ARGS__ __VA_OPT__(, ) hyk_StatusToString(lusLogSt_));    \
       } else if (hyk_LogGetCurrentLogLevel(lusLogHandle) > (level) - 1) {           \
          hyk_LogLevel(LUS_LOG_URGENCY, lusLogHandle, (level), LUS_LOG_TAG fmt,      \
-                      __func__, __LINE__, LUS_SUBCOMP,                              \
+                      (fn), __LINE__, LUS_SUBCOMP,                                  \
                       __VA_ARGS__ __VA_OPT__(, ) hyk_StatusToString(lusLogSt_));    \
       }                                                                             \
    } while (0)
@@ -168,6 +177,7 @@ extern uint64_t already_called;
 extern hyk_LockDomainID lusLockDomain;
 extern hyk_RWSpinlockID lusClientLock;
 extern hyk_SpinlockID lusDummyLock;
+extern hyk_SpinlockID lusMapLock;
 extern LusListLinks lusGlobalState;
 
 /* The portset under upgrade and its clients' portset records. */
@@ -188,6 +198,23 @@ hyk_Status LUS_ScheduleTimer(hyk_TimerCallback callback, void *data, uint64_t ti
                              uint8_t periodic, hyk_TimerHandle *timer);
 void LUS_ClientClearTimerCB(void *data, hyk_TimerHandle timer);
 void LUS_ClientClear(uint32_t alsoPortPhase);
+
+/*
+ * The registry: the client tables, the registration payload and the maps'
+ * existence change only on the thread that owns it.  A control-device
+ * command owns it for its whole run (the upgrade world it waits for runs
+ * under that ownership), and so does the unload.  A clear that starts
+ * elsewhere (the timer, the last restore event) takes it only if it is free;
+ * otherwise it leaves the clear to the owner, who runs it as it lets go.
+ * Commands wait for a clear that is under way; clears never wait.
+ */
+void lusRegistryAcquire(void);
+void lusRegistryRelease(void);
+/* LUS_ClientClear(0) from outside the owner: now, or by the owner when it lets go. */
+void lusClientClearFromOutside(void);
+
+/* Non-zero while a clear is between its first withdrawal and its emptying. */
+extern uint8_t lusClearInProgress;
 
 /* ---- client registry and port maps (lus_client.cpp) --------------------------- */
 
@@ -220,6 +247,27 @@ hyk_Status LUS_ClientRegAll(uint32_t regType);
 hyk_Status LUS_ClientRegAllPS(const char *portsetName);
 hyk_Status lusRegForAllPorts(hyk_Portset *ps, hyk_PortID portID, void *data);
 void lusDeleteEntry(LusHashMap *map, LusInstance *record);
+/* The rest of lusDeleteEntry for a record its caller already took out of the map. */
+void lusDeleteEntryUnlinked(LusInstance *record);
+/* lusMapLock, taken and released around each map operation, never across a call out. */
+static inline void lusMapLockTake(void) { hyk_SpinlockLock(lusMapLock); }
+static inline void lusMapLockDrop(void) { hyk_SpinlockUnlock(lusMapLock); }
+/*
+ * Claims (under lusMapLock) the version 0 record of this UUID, vNIC index
+ * and client for a callback: null when there is none or when another thread
+ * holds it (then *busy is set).  lusReleaseV0 ends the claim; it returns
+ * true when a clear detached the record meanwhile and the caller must free
+ * it (buffer and record) itself.
+ */
+/* The version 0 scan itself; the caller holds lusMapLock. */
+LusInstance *lusScanV0(const char *uuid, uint32_t vnicIndex, const char *name);
+LusInstance *lusClaimV0(const char *uuid, uint32_t vnicIndex, const char *name, bool *busy);
+bool lusReleaseV0(LusInstance *record);
+/* Frees a detached record and whatever buffer it still holds. */
+void lusFreeDetachedV0(LusInstance *record);
+/* Forgets a record's saved buffer, freeing it to its heap first. */
+void lusForgetStateV0(LusInstance *record);
+void lusForgetStateV1(LusClientInst *record);
 void lusDeleteEntryV1(LusHashMap *map, LusPortInstV1 *instance);
 void LUS_RemovePortFromMapV1(LusHashMap *map, uint32_t portID);
 hyk_Status LUS_HashEmpty(int32_t version, LusHashMap *map);
@@ -238,6 +286,16 @@ hyk_Status lusCharDevOpen(hyk_CharDevFile *file);
 hyk_Status lusCharDevClose(hyk_CharDevFile *file);
 hyk_Status lusCharDevUnregCleanup(void *privateData);
 hyk_Status lusCharDevIoctl(hyk_CharDevFile *file, uint32_t cmd, hyk_UserVA arg);
+extern const hyk_CharDevOps charDevOps;
+
+/* The command handlers that take a payload of their own (commands 0-6, 9, 13, 14). */
+hyk_Status CharDevLUSReg(const LusIoctlHeader *header, uint32_t regType);
+hyk_Status CharDevLUSPreUnload(const LusIoctlHeader *header);
+hyk_Status CharDevLUSRestore(const LusIoctlHeader *header);
+hyk_Status CharDevLUSBlockPorts(const LusIoctlHeader *header);
+hyk_Status CharDevLUSPsUpgrade(const LusIoctlHeader *header);
+hyk_Status CharDevLUSFdpOp(const LusIoctlHeader *header);
+hyk_Status CharDevLUSRaiseCswitchEvents(const LusIoctlHeader *header);
 
 /*
  * Context of the upgrade world: the command 9 payload (the handler's heap

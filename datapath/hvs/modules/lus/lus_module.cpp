@@ -87,6 +87,17 @@ constinit uint64_t already_called = 0;
 constinit hyk_LockDomainID lusLockDomain = HYK_INVALID_LOCK_DOMAIN;
 constinit hyk_RWSpinlockID lusClientLock = HYK_INVALID_LOCK;
 constinit hyk_SpinlockID lusDummyLock = HYK_INVALID_LOCK;
+/*
+ * Guards the chains of both port maps, the fields of version 0 records and
+ * the rows of the client tables.  A leaf: taken last (highest rank), held
+ * for one map operation, never across a client callback, an event post or a
+ * host call that may sleep.
+ */
+constinit hyk_SpinlockID lusMapLock = HYK_INVALID_LOCK;
+
+/* Owner of the registry (LUS_REGISTRY_*); see lusRegistryAcquire. */
+constinit uint32_t lusRegistryState = 0;
+constinit uint8_t lusClearInProgress = 0;
 
 constinit LusListLinks lusGlobalState = {nullptr, nullptr};
 constinit LusPsState lusPsState = {};
@@ -210,13 +221,91 @@ hyk_Status LUS_ScheduleTimer(hyk_TimerCallback callback, void *data, uint64_t ti
    return status;
 }
 
+/* ---- the registry's owner ----------------------------------------------------------------- */
+
+enum : uint32_t {
+   LUS_REGISTRY_COMMAND = 0x1, /* a command (or the unload) owns it */
+   LUS_REGISTRY_CLEAR = 0x2,   /* a clear from outside owns it */
+   LUS_REGISTRY_PENDING = 0x4, /* a clear from outside waits for the owner to let go */
+};
+
+static inline void lusCpuRelax(void)
+{
+#if defined(__x86_64__) || defined(__i386__)
+   __builtin_ia32_pause();
+#elif defined(__aarch64__)
+   __asm__ __volatile__("yield");
+#endif
+}
+
+/*
+ * Commands run one at a time, so the only contender is a clear from the
+ * timer or the last restore event; it does not wait for anything of ours and
+ * is short, so spinning for it is enough.
+ */
+void lusRegistryAcquire(void)
+{
+   for (;;) {
+      uint32_t expected = 0;
+      if (__atomic_compare_exchange_n(&lusRegistryState, &expected, LUS_REGISTRY_COMMAND, false,
+                                      __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+         return;
+      }
+      lusCpuRelax();
+   }
+}
+
+/*
+ * Lets go of the registry; a clear that came from outside meanwhile is run
+ * here first, by the owner, so that it never overlaps a registration.
+ */
+void lusRegistryRelease(void)
+{
+   uint32_t owner = __atomic_load_n(&lusRegistryState, __ATOMIC_RELAXED) &
+                    (LUS_REGISTRY_COMMAND | LUS_REGISTRY_CLEAR);
+   for (;;) {
+      uint32_t expected = owner;
+      if (__atomic_compare_exchange_n(&lusRegistryState, &expected, 0, false, __ATOMIC_RELEASE,
+                                      __ATOMIC_RELAXED)) {
+         return;
+      }
+      /* Only the pending bit can have been added; take it over and clear. */
+      __atomic_store_n(&lusRegistryState, owner, __ATOMIC_RELAXED);
+      LUS_ClientClear(0);
+   }
+}
+
+void lusClientClearFromOutside(void)
+{
+   uint32_t state = __atomic_load_n(&lusRegistryState, __ATOMIC_RELAXED);
+   for (;;) {
+      if (state == 0) {
+         if (__atomic_compare_exchange_n(&lusRegistryState, &state, LUS_REGISTRY_CLEAR, false,
+                                         __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+            LUS_ClientClear(0);
+            lusRegistryRelease();
+            return;
+         }
+         continue;
+      }
+      if ((state & LUS_REGISTRY_PENDING) != 0) {
+         return;
+      }
+      if (__atomic_compare_exchange_n(&lusRegistryState, &state, state | LUS_REGISTRY_PENDING,
+                                      false, __ATOMIC_RELEASE, __ATOMIC_RELAXED)) {
+         return;
+      }
+   }
+}
+
 /*
  * The timer is never cancelled: if a restore, a failed registration or the
- * unload cleared first, the firing finds the clearing done and returns.
+ * unload cleared first, the firing finds the clearing done and returns.  A
+ * command inside the registry when it fires runs the clear as it finishes.
  */
 void LUS_ClientClearTimerCB(void *data, hyk_TimerHandle timer)
 {
-   LUS_ClientClear(0);
+   lusClientClearFromOutside();
 }
 
 /*
@@ -224,7 +313,14 @@ void LUS_ClientClearTimerCB(void *data, hyk_TimerHandle timer)
  * the life of the module: whichever of timer, unload, restore end or failed
  * registration gets here first does the work.  The timer passes 0 and so
  * leaves the port-phase map alone; that map belongs to a per-portset upgrade
- * whose own end clears it.
+ * whose own end clears it.  Runs only as the registry's owner.
+ *
+ * From the first withdrawal to the end of the emptying, restore events must
+ * not hand state to clients that are going away, nor unblock a port whose
+ * state is about to be dropped: lusClearInProgress makes them leave the
+ * maps alone (the ports stay blocked, and the emptying reports what it
+ * dropped).  A record whose callback is under way is detached, not freed;
+ * its claimer finishes it.
  */
 void LUS_ClientClear(uint32_t alsoPortPhase)
 {
@@ -236,6 +332,10 @@ void LUS_ClientClear(uint32_t alsoPortPhase)
 
    LUS_LOG(LUS_LOG_INFO, "Clearing LUS Client data ...\n");
 
+   lusMapLockTake();
+   __atomic_store_n(&lusClearInProgress, 1, __ATOMIC_RELAXED);
+   lusMapLockDrop();
+
    if (__atomic_load_n(&lusTARNQRegistered, __ATOMIC_RELAXED) == 1) {
       LUS_Unreg(0);
    }
@@ -243,17 +343,17 @@ void LUS_ClientClear(uint32_t alsoPortPhase)
       LUS_Unreg(1);
    }
 
-   /*
-    * Restore events may still be arriving on the host's event context (the
-    * timer path fires while a slow restore is under way); they change the
-    * maps under the client lock for writing, so the emptying does too.
-    */
+   /* The pull restore walks the port-phase map under the read side. */
    hyk_RWSpinlockWriteLock(lusClientLock);
    LUS_HashEmpty((int32_t)alsoPortPhase, lusHashMap);
    if (alsoPortPhase != 0) {
       LUS_HashEmpty((int32_t)alsoPortPhase, lusPerPortHashMap);
    }
    hyk_RWSpinlockWriteUnlock(lusClientLock);
+
+   lusMapLockTake();
+   __atomic_store_n(&lusClearInProgress, 0, __ATOMIC_RELAXED);
+   lusMapLockDrop();
 }
 
 /* ---- load -------------------------------------------------------------------------------- */
@@ -268,6 +368,10 @@ static void lusDestroyTimerQueue(void)
 
 static void lusDestroyLocks(void)
 {
+   if (lusMapLock != HYK_INVALID_LOCK) {
+      hyk_SpinlockDestroy(lusMapLock);
+      lusMapLock = HYK_INVALID_LOCK;
+   }
    if (lusDummyLock != HYK_INVALID_LOCK) {
       hyk_SpinlockDestroy(lusDummyLock);
       lusDummyLock = HYK_INVALID_LOCK;
@@ -388,8 +492,19 @@ static hyk_Status lusLockInit(void)
       LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Failed to create lus dummy lock : %s\n");
       goto destroyClientLock;
    }
+
+   /* Highest rank: taken inside the world's lusDummyLock and the pull restore's read lock. */
+   status = hyk_SpinlockCreate("tarnq-lus-map", lusLockDomain, 3, &lusMapLock);
+   if (status != HYK_OK) {
+      lusMapLock = HYK_INVALID_LOCK;
+      LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Failed to create lus map lock : %s\n");
+      goto destroyDummyLock;
+   }
    return HYK_OK;
 
+destroyDummyLock:
+   hyk_SpinlockDestroy(lusDummyLock);
+   lusDummyLock = HYK_INVALID_LOCK;
 destroyClientLock:
    hyk_RWSpinlockDestroy(lusClientLock);
    lusClientLock = HYK_INVALID_LOCK;
@@ -424,6 +539,28 @@ HYK_MODULE_ENTRY int init_module(void)
 /* ---- unload ------------------------------------------------------------------------------- */
 
 /*
+ * A client whose unregistration event could not be posted (or that missed
+ * it) would keep the use count its registration took on its module for
+ * ever, pointing into a lus that is gone.  The module is going: release
+ * every row still in use here, as its own unregistration would.
+ */
+static void lusReleaseStrandedClients(void)
+{
+   ClientEntry *const tables[2] = {fromClients, toClients};
+   for (ClientEntry *table : tables) {
+      for (int32_t i = 0; i < LUS_MAX_CLIENTS; i++) {
+         if (__atomic_load_n(&table[i].inUse, __ATOMIC_RELAXED) == 0) {
+            continue;
+         }
+         LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BUSY,
+                        "Client %s still registered at unload, releasing it : %s\n",
+                        table[i].clientName);
+         lus_ClientUnregister(&table[i]);
+      }
+   }
+}
+
+/*
  * Unloading never fails and never waits for an upgrade to finish: a map that
  * still holds records is reported and freed all the same.
  */
@@ -431,7 +568,10 @@ void lusCleanup(uint32_t fromBuildGiven)
 {
    hyk_Status status;
 
+   /* No restore event runs once this returns; the host waits for those under way. */
    LUS_Unsubscribe();
+   /* A clear the timer started is finished first; a later firing finds the registry taken. */
+   lusRegistryAcquire();
    LUS_ClientClear(fromBuildGiven);
    /*
     * The clear runs once in the module's life.  Clients that registered after
@@ -445,6 +585,7 @@ void lusCleanup(uint32_t fromBuildGiven)
    if (__atomic_load_n(&lusTARNJRegistered, __ATOMIC_RELAXED) == 1) {
       LUS_Unreg(1);
    }
+   lusReleaseStrandedClients();
 
    /* The from-build side never registered the unblock event; the other side did. */
    if (fromBuildGiven == 0) {

@@ -200,6 +200,12 @@ void LUS_GlobalStateClientsDestroy(void)
 hyk_Status LUS_PsClientsInit(void)
 {
    hyk_Status lookup = HYK_OK;
+   /*
+    * A world that failed before it destroyed its list (tail 2) leaves
+    * records behind; pairing again on top of them would save, restore and
+    * complete those clients twice.
+    */
+   LUS_PsClientsDestroy();
    for (int32_t i = 0; i < numFromClients && i < LUS_MAX_CLIENTS; i++) {
       ClientEntry *from = &fromClients[i];
       if (from->inUse == 0 || from->ops.psRuntimeSave == nullptr) {

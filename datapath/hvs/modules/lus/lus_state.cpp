@@ -200,6 +200,10 @@ hyk_Status lusPortEventEnableCB(hyk_PortID portID, const char *eventName, void *
  * HYK_NO_DATA is tolerated, and that answer reaches the walk only when it
  * came from the last client of the table (the next client's UUID lookup
  * overwrites it); tool and clients rely on that.
+ *
+ * Each record is claimed while its client is asked: a restore event of an
+ * earlier save may be finishing the same port.  A record claimed elsewhere
+ * counts as missing.
  */
 hyk_Status LUS_GetTotalSize(hyk_Portset *ps, hyk_PortID portID, void *data)
 {
@@ -217,6 +221,8 @@ hyk_Status LUS_GetTotalSize(hyk_Portset *ps, hyk_PortID portID, void *data)
    for (int32_t i = 0; i < numFromClients && i < LUS_MAX_CLIENTS; i++) {
       char uuid[LUS_UUID_LEN] = {};
       uint32_t vnicIndex = 0;
+      bool busy = false;
+      bool stop = false;
 
       /* Read per client, not per port: a vNIC may move while clients are asked. */
       status = lusGetUUIDVNIC(portID, uuid, &vnicIndex);
@@ -224,7 +230,7 @@ hyk_Status LUS_GetTotalSize(hyk_Portset *ps, hyk_PortID portID, void *data)
          LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Failed getting VM UUID and vNic index : %s\n");
          return status;
       }
-      LusInstance *inst = LUS_FindMatchingInstance(uuid, vnicIndex, fromClients[i].clientName);
+      LusInstance *inst = lusClaimV0(uuid, vnicIndex, fromClients[i].clientName, &busy);
       if (inst == nullptr) {
          /* A client that saves was enrolled on every vNIC port; missing means lost. */
          if (fromClients[i].ops.getRuntimeState != nullptr) {
@@ -235,37 +241,50 @@ hyk_Status LUS_GetTotalSize(hyk_Portset *ps, hyk_PortID portID, void *data)
          }
          continue;
       }
-
+      /* One pass of a block, so that every exit goes through the release below. */
       ClientEntry *client = inst->fromClient;
-      if (client == nullptr || client->inUse == 0) {
-         continue;
-      }
-      if (client->ops.prefetch != nullptr) {
-         LUS_LOG(LUS_LOG_INFO, "Prefetching: Client %s portID 0x%x\n", client->clientName, portID);
-         status = lusCallClient(client, client->ops.prefetch, (void *)inst, portID,
-                                &client->clientContext);
+      do {
+         if (client == nullptr || __atomic_load_n(&client->inUse, __ATOMIC_RELAXED) == 0) {
+            break;
+         }
+         if (client->ops.prefetch != nullptr) {
+            LUS_LOG(LUS_LOG_INFO, "Prefetching: Client %s portID 0x%x\n", client->clientName,
+                    portID);
+            status = lusCallClient(client, client->ops.prefetch, (void *)inst, portID,
+                                   &client->clientContext);
+            if (status != HYK_OK) {
+               LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Prefetch FAIL for client %s : %s\n",
+                              client->clientName);
+               stop = true;
+               break;
+            }
+         }
+         /* Written before the size is known; it says which client is being asked. */
+         LUS_LOG(LUS_LOG_INFO, "Runtime data len: client %s portID 0x%x\n", client->clientName,
+                 portID);
+         if (client->ops.getSize == nullptr) {
+            break; /* nothing announced: the save marks the record with length 0 */
+         }
+         status = lusCallClient(client, client->ops.getSize, (void *)inst, portID,
+                                &inst->stateLen, &client->clientContext);
          if (status != HYK_OK) {
-            LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Prefetch FAIL for client %s : %s\n",
-                           client->clientName);
-            return status;
+            /* A buffer of an earlier save goes back to its heap before its tag is lost. */
+            lusForgetStateV0(inst);
+            inst->stateLen = 0;
+            inst->stateHeap = 0;
+            if (status != HYK_NO_DATA) {
+               LUS_LOG_STATUS(LUS_LOG_ERROR, status,
+                              "Getting Runtime size FAIL for client %s : %s\n",
+                              client->clientName);
+               stop = true;
+            }
          }
+      } while (0);
+      if (lusReleaseV0(inst)) {
+         lusFreeDetachedV0(inst);
       }
-      /* Written before the size is known; it says which client is being asked. */
-      LUS_LOG(LUS_LOG_INFO, "Runtime data len: client %s portID 0x%x\n", client->clientName,
-              portID);
-      if (client->ops.getSize == nullptr) {
-         continue; /* nothing announced: the save marks the record with length 0 */
-      }
-      status = lusCallClient(client, client->ops.getSize, (void *)inst, portID, &inst->stateLen,
-                             &client->clientContext);
-      if (status != HYK_OK) {
-         inst->stateLen = 0;
-         inst->stateHeap = 0;
-         if (status != HYK_NO_DATA) {
-            LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Getting Runtime size FAIL for client %s : %s\n",
-                           client->clientName);
-            return status;
-         }
+      if (stop) {
+         return status;
       }
    }
    return status;
@@ -313,6 +332,7 @@ hyk_Status LUS_GetTotalSizeV1(hyk_Portset *ps, hyk_PortID portID, void *data)
          if (status != HYK_OK) {
             LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Prefetch FAIL for client %s : %s\n",
                            client->clientName);
+            lusForgetStateV1(inst);
             inst->stateLen = 0;
             inst->stateHeap = 0;
             goto dropPort;
@@ -329,6 +349,7 @@ hyk_Status LUS_GetTotalSizeV1(hyk_Portset *ps, hyk_PortID portID, void *data)
       if (status != HYK_OK) {
          LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Getting Runtime size FAIL for client %s : %s\n",
                         client->clientName);
+         lusForgetStateV1(inst);
          inst->stateLen = 0;
          inst->stateHeap = 0;
          goto dropPort;
@@ -357,6 +378,7 @@ dropPort:
  * Visitor of the save command's save walk.  The first failure ends the port
  * and the walk; records saved before it stay saved, and a buffer already
  * attached to the failing record stays with it until the record is cleared.
+ * Records are claimed while their client saves, as in the sizing walk.
  */
 hyk_Status LUS_SaveState(hyk_Portset *ps, hyk_PortID portID, void *data)
 {
@@ -379,7 +401,8 @@ hyk_Status LUS_SaveState(hyk_Portset *ps, hyk_PortID portID, void *data)
    }
 
    for (int32_t i = 0; i < numFromClients && i < LUS_MAX_CLIENTS; i++) {
-      LusInstance *inst = LUS_FindMatchingInstance(uuid, vnicIndex, fromClients[i].clientName);
+      bool busy = false;
+      LusInstance *inst = lusClaimV0(uuid, vnicIndex, fromClients[i].clientName, &busy);
       if (inst == nullptr) {
          if (fromClients[i].ops.getRuntimeState != nullptr) {
             LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NOT_FOUND,
@@ -389,57 +412,71 @@ hyk_Status LUS_SaveState(hyk_Portset *ps, hyk_PortID portID, void *data)
          }
          continue;
       }
+      status = HYK_OK;
       ClientEntry *client = inst->fromClient;
-      if (client == nullptr) {
-         LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "ClientInfo is invalid : %s\n");
-         return HYK_BAD_PARAM;
-      }
-      if (client->inUse == 0) {
-         continue; /* left unmarked: an inactive client hands nothing over */
-      }
+      /* One pass of a block, so that every exit goes through the release below. */
+      do {
+         if (client == nullptr) {
+            LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "ClientInfo is invalid : %s\n");
+            status = HYK_BAD_PARAM;
+            break;
+         }
+         if (__atomic_load_n(&client->inUse, __ATOMIC_RELAXED) == 0) {
+            break; /* left unmarked: an inactive client hands nothing over */
+         }
 
-      /* Lengths travel as 32 bits to the client; the announced size is capped to that. */
-      const uint32_t length = (uint32_t)inst->stateLen;
-      uint32_t stateLen = 0;
-      if (length != 0) {
-         /* A buffer here means the port was saved before and never restored or cleared. */
-         if (inst->state != nullptr) {
-            LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
-                           "Non NULL buf before saving runtime data for portID:%d client %s : %s\n",
-                           (int)portID, client->clientName);
-            return HYK_BAD_PARAM;
+         /* Lengths travel as 32 bits to the client; the announced size is capped to that. */
+         const uint32_t length = (uint32_t)inst->stateLen;
+         uint32_t stateLen = 0;
+         if (length != 0) {
+            /* A buffer here means the port was saved before and never restored or cleared. */
+            if (inst->state != nullptr) {
+               LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
+                              "Non NULL buf before saving runtime data for portID:%d client %s : %s\n",
+                              (int)portID, client->clientName);
+               status = HYK_BAD_PARAM;
+               break;
+            }
+            inst->state = LUS_ClientStateAlloc(length, &inst->stateHeap);
+            if (inst->state == nullptr) {
+               LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NO_MEMORY, "LUS out of memory in all heaps : %s\n");
+               status = HYK_NO_MEMORY;
+               break;
+            }
+            inst->portID = portID;
+            status = lusCallClient(client, client->ops.getRuntimeState, (void *)inst, inst->portID,
+                                   inst->state, length, &stateLen, &client->clientContext);
+            if (status != HYK_OK) {
+               LUS_LOG_STATUS(LUS_LOG_ERROR, status, "getRuntimeState FAIL for client %s : %s\n",
+                              client->clientName);
+               break;
+            }
+            LUS_LOG(LUS_LOG_INFO, "Saved client %s portID 0x%x data length %d\n",
+                    client->clientName, portID, (int)stateLen);
+            if (stateLen == 0) {
+               LUS_LOG(LUS_LOG_INFO,
+                       "Size returned after Saving data for client %s portID 0x%x is 0\n",
+                       client->clientName, portID);
+               LUS_Free(inst->stateHeap, inst->state);
+               inst->state = nullptr;
+            } else if (stateLen > length) {
+               /* The client wrote past what it announced; its state cannot be trusted. */
+               LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
+                              "Size of datalen > size of new_lus->len : %s\n");
+               status = HYK_BAD_PARAM;
+               break;
+            }
          }
-         inst->state = LUS_ClientStateAlloc(length, &inst->stateHeap);
-         if (inst->state == nullptr) {
-            LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NO_MEMORY, "LUS out of memory in all heaps : %s\n");
-            return HYK_NO_MEMORY;
-         }
-         inst->portID = portID;
-         status = lusCallClient(client, client->ops.getRuntimeState, (void *)inst, inst->portID,
-                                inst->state, length, &stateLen, &client->clientContext);
-         if (status != HYK_OK) {
-            LUS_LOG_STATUS(LUS_LOG_ERROR, status, "getRuntimeState FAIL for client %s : %s\n",
-                           client->clientName);
-            return status;
-         }
-         LUS_LOG(LUS_LOG_INFO, "Saved client %s portID 0x%x data length %d\n", client->clientName,
-                 portID, (int)stateLen);
-         if (stateLen == 0) {
-            LUS_LOG(LUS_LOG_INFO,
-                    "Size returned after Saving data for client %s portID 0x%x is 0\n",
-                    client->clientName, portID);
-            LUS_Free(inst->stateHeap, inst->state);
-            inst->state = nullptr;
-         } else if (stateLen > length) {
-            /* The client wrote past what it announced; its state cannot be trusted. */
-            LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM,
-                           "Size of datalen > size of new_lus->len : %s\n");
-            return HYK_BAD_PARAM;
-         }
+         /* Marked even with nothing saved, so the restore knows the client was asked. */
+         inst->stateLen = stateLen;
+         inst->hasState = 1;
+      } while (0);
+      if (lusReleaseV0(inst)) {
+         lusFreeDetachedV0(inst);
       }
-      /* Marked even with nothing saved, so the restore knows the client was asked. */
-      inst->stateLen = stateLen;
-      inst->hasState = 1;
+      if (status != HYK_OK) {
+         return status;
+      }
    }
    return HYK_OK;
 }
@@ -735,18 +772,43 @@ wipe:
 /* ---- restoring one port ------------------------------------------------------------------ */
 
 /*
+ * What a restore event needs of a to-build client, read under lusMapLock
+ * when it claims the client's record: a registration may rewrite the row
+ * while the callback runs.
+ */
+struct LusRestoreTarget {
+   LusRuntimeRestoreFn fn;
+   hyk_ModuleID moduleID;
+   char name[LUS_CLIENT_NAME_LEN + 1];
+};
+
+static void lusTargetOf(const ClientEntry *client, LusRestoreTarget *target)
+{
+   target->fn = client->ops.runtimeRestore;
+   target->moduleID = client->moduleID;
+   lusStrNCpy(target->name, client->clientName, LUS_CLIENT_NAME_LEN);
+   target->name[LUS_CLIENT_NAME_LEN] = '\0';
+}
+
+/*
  * Restores one port of interface version 0 for the restore events in
  * `restoreEvent`, then unblocks it.  A client whose record still waits for
  * another event stays in the map; the port is unblocked all the same,
  * because the datapath announced with this event that it can carry it.
  *
- * Restore events for different ports arrive at once on several threads, and
- * every one of them may find, restore and delete records of the one shared
- * map (and the last one clears the clients).  The map's chains are not safe
- * against that, so the map work runs under lusClientLock taken for writing:
- * it also keeps an unregistration from pulling a to-build client away while
- * its callback runs.  Nothing under the lock may sleep; runtimeRestore runs
- * in event context anyway.
+ * Restore events for different ports (and the two events of one port) run
+ * at once on several threads.  Each record is claimed under lusMapLock
+ * before its client is called and removed after, so that no other path
+ * frees it meanwhile; the callback itself runs with no lock of ours held.
+ * A port is unblocked only by the event that restored it: an event that
+ * finds a record of its port claimed by another thread leaves the port to
+ * that thread, and one that meets a clear under way leaves it blocked (the
+ * clear reports the state it drops).
+ *
+ * Both events at once come only from the edition-migration walk of the
+ * restore command, which owns the registry; it clears the clients itself
+ * when the last record goes.  A restore event leaves that clear to the
+ * registry's owner when a command is running.
  */
 hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
 {
@@ -755,6 +817,9 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
    char uuid[LUS_UUID_LEN] = {};
    uint32_t vnicIndex = 0;
    bool deleted = false;
+   bool leaveToOthers = false;
+   bool empty;
+   uint32_t firstRequired = 0;
    LusInstance *first;
 
    status = hyk_PortGetClientType(portID, &clientType);
@@ -777,62 +842,111 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
       goto done;
    }
 
-   hyk_RWSpinlockWriteLock(lusClientLock);
-   first = LUS_CheckPortInHash(uuid, vnicIndex);
+   lusMapLockTake();
+   first = lusClearInProgress ? nullptr : lusScanV0(uuid, vnicIndex, nullptr);
+   if (first != nullptr) {
+      firstRequired = first->requiredRestoreEvent;
+   }
+   lusMapLockDrop();
    if (first == nullptr) {
-      hyk_RWSpinlockWriteUnlock(lusClientLock);
-      /* Not blocked by us either: leave the port as it is. */
+      /* Not blocked by us either (or its state is being cleared): leave the port as it is. */
       LUS_LOG(LUS_LOG_INFO, "PortID 0x%x not part of LUS hash. SKIP LUS Restore\n", portID);
       return HYK_OK;
    }
    LUS_LOG(LUS_LOG_INFO,
            "Restoring LUS data on PortID: 0x%x (%d) restoreEvent: 0x%x , requiredRestoreEvent: 0x%x\n",
-           portID, (int)portID, restoreEvent, first->requiredRestoreEvent);
+           portID, (int)portID, restoreEvent, firstRequired);
 
-   for (int32_t i = 0; i < numToClients && i < LUS_MAX_CLIENTS; i++) {
-      LusInstance *inst = LUS_FindMatchingInstance(uuid, vnicIndex, toClients[i].clientName);
+   for (int32_t i = 0; i < LUS_MAX_CLIENTS; i++) {
+      LusRestoreTarget target;
+      lusMapLockTake();
+      if (i >= numToClients) {
+         lusMapLockDrop();
+         break;
+      }
+      if (lusClearInProgress) {
+         lusMapLockDrop();
+         leaveToOthers = true;
+         break;
+      }
+      LusInstance *inst = lusScanV0(uuid, vnicIndex, toClients[i].clientName);
       if (inst == nullptr) {
+         lusMapLockDrop();
+         continue;
+      }
+      if ((inst->claim & LUS_CLAIM_BUSY) != 0) {
+         lusMapLockDrop();
+         leaveToOthers = true;
          continue;
       }
       ClientEntry *client = inst->toClient;
       if (client == nullptr) {
+         lusMapLockDrop();
          LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_BAD_PARAM, "ClientInfo is invalid : %s\n");
          status = HYK_BAD_PARAM;
          break;
       }
       inst->requiredRestoreEvent &= ~restoreEvent;
       if (inst->requiredRestoreEvent != 0) {
+         lusMapLockDrop();
          continue; /* waits for its further event */
       }
-      if (inst->hasState != 0 && client->inUse != 0 && inst->stateLen != 0 &&
-          inst->state != nullptr) {
-         if (client->ops.runtimeRestore == nullptr) {
+      const bool withState = inst->hasState != 0 && client->inUse != 0 && inst->stateLen != 0 &&
+                             inst->state != nullptr;
+      lusTargetOf(client, &target);
+      inst->claim = LUS_CLAIM_BUSY;
+      lusMapLockDrop();
+
+      if (withState) {
+         if (target.fn == nullptr) {
             LUS_LOG(LUS_LOG_INFO, "PortID: %d client: %s Skipping Runtime state Restore\n",
-                    (int)portID, client->clientName);
+                    (int)portID, target.name);
          } else {
-            status = lusCallClient(client, client->ops.runtimeRestore, (void *)inst, portID,
-                                   inst->state, (uint32_t)inst->stateLen, 0u);
-            if (status != HYK_OK) {
-               /* The record keeps its buffer; the port stays blocked for the tool to see. */
-               LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Restore Runtime State FAIL for client %s : %s\n",
-                              client->clientName);
-               break;
+            LusModuleScope scope(target.moduleID, reinterpret_cast<const void *>(target.fn));
+            status = target.fn((void *)inst, portID, inst->state, (uint32_t)inst->stateLen, 0u);
+         }
+         if (status != HYK_OK) {
+            /* The record keeps its buffer; the port stays blocked for the tool to see. */
+            LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Restore Runtime State FAIL for client %s : %s\n",
+                           target.name);
+            if (lusReleaseV0(inst)) {
+               /* A clear took the map meanwhile: nobody is left to retry this state. */
+               LUS_LOG(LUS_LOG_ERROR,
+                       "Saved state of port 0x%x client %s dropped (%lu bytes): client data cleared during its restore\n",
+                       portID, target.name, (unsigned long)inst->stateLen);
+               lusFreeDetachedV0(inst);
             }
+            break;
+         }
+         if (target.fn != nullptr) {
             LUS_LOG(LUS_LOG_INFO, "PortID: %d client: %s Runtime state Restore SUCCESS \n",
-                    (int)portID, client->clientName);
+                    (int)portID, target.name);
          }
          lusDropStateV0(inst);
       }
-      lusDeleteEntry(lusHashMap, inst);
+
+      /* Done with the record: out of the map, unless a clear took it out already. */
+      lusMapLockTake();
+      const bool detached = (inst->claim & LUS_CLAIM_DETACHED) != 0;
+      if (!detached) {
+         LusHashBucket *bucket =
+            TarnHash_BucketOfKey(lusHashMap, TarnHash_EntryKey(lusHashMap, &inst->link));
+         TarnHash_RemoveFromBucket(lusHashMap, bucket, &inst->link);
+      }
+      lusMapLockDrop();
+      if (detached) {
+         lusFreeDetachedV0(inst);
+      } else {
+         lusDeleteEntryUnlinked(inst);
+      }
       deleted = true;
    }
-   hyk_RWSpinlockWriteUnlock(lusClientLock);
 
    /* Outage is accounted once some client of the port has its state back. */
    if (deleted) {
       LUS_CheckOutage(portID);
    }
-   if (status != HYK_OK) {
+   if (status != HYK_OK || leaveToOthers) {
       goto done;
    }
 
@@ -845,9 +959,16 @@ unblock:
 
 done:
    /* The last record gone: nothing is left to hand over, so the clients can go. */
-   if (lusHashMap != nullptr && TarnHash_Count(lusHashMap) == 0) {
+   lusMapLockTake();
+   empty = lusHashMap != nullptr && TarnHash_Count(lusHashMap) == 0;
+   lusMapLockDrop();
+   if (empty) {
       LUS_LOG(LUS_LOG_INFO, "LUS Hash is Empty, Unregistering LUS Clients ...\n");
-      LUS_ClientClear(0);
+      if (restoreEvent == LUS_RESTORE_EVENT_BOTH) {
+         LUS_ClientClear(0);
+      } else {
+         lusClientClearFromOutside();
+      }
    }
    return status;
 }
@@ -872,22 +993,24 @@ hyk_Status lusRestoreV2T(hyk_Portset *ps, hyk_PortID portID, void *data)
  * not know is unblocked all the same: the upgrade world blocked every port.
  * A client that fails loses the port's state and the port stays blocked.
  *
- * The map work runs under lusClientLock for writing, excluding the pull
- * restore, which changes the same records under the read side.
+ * It runs in the upgrade world, which holds the portset exclusively: the
+ * pull restore, which acquires the portset too, cannot work on the same
+ * port meanwhile, so no lock of ours is held across the callbacks (the
+ * world's lusDummyLock is, as the upgrade world's pass requires).
  */
 hyk_Status lusRestoreV1(uint32_t portID)
 {
    hyk_Status status;
    uint64_t ms = 0;
 
-   hyk_RWSpinlockWriteLock(lusClientLock);
    LusPortInstV1 *port = lusLookupPortV1(lusPerPortHashMap, portID);
    if (port != nullptr) {
       LUS_LOG(LUS_LOG_VERBOSE, "Restoring LUS data on PortID: 0x%x (%d) \n", portID, (int)portID);
       for (LusListLinks *e = port->clients.next; e != &port->clients; e = e->next) {
          LusClientInst *rec = reinterpret_cast<LusClientInst *>(e);
          ClientEntry *client = rec->toClient;
-         if (client == nullptr || client->inUse == 0 || rec->stateLen == 0 ||
+         if (client == nullptr || __atomic_load_n(&client->inUse, __ATOMIC_RELAXED) == 0 ||
+             rec->stateLen == 0 ||
              rec->state == nullptr) {
             continue;
          }
@@ -903,7 +1026,6 @@ hyk_Status lusRestoreV1(uint32_t portID)
             LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Restore Runtime State FAIL for client %s : %s\n",
                            client->clientName);
             LUS_RemovePortFromMapV1(lusPerPortHashMap, portID);
-            hyk_RWSpinlockWriteUnlock(lusClientLock);
             LUS_LOG(LUS_LOG_INFO, "runtimeRestore FAILED on portID 0x%x (%d) ...\n", portID,
                     (int)portID);
             return HYK_OK;
@@ -915,7 +1037,6 @@ hyk_Status lusRestoreV1(uint32_t portID)
          lusDropStateV1(rec);
       }
    }
-   hyk_RWSpinlockWriteUnlock(lusClientLock);
 
    LUS_LOG(LUS_LOG_INFO, "Custom Unblock port: 0x%x (%d)\n", portID, (int)portID);
    status = hyk_PortCustomUnblock(portID, LUS_PORT_BLOCK_REASON, 0);
@@ -1092,23 +1213,29 @@ hyk_Status LUS_PreDualLoad(void)
  */
 hyk_Status LUS_StateRestoreComplete(void)
 {
-   if (lusPerPortHashMap == nullptr) {
+   hyk_Status status = HYK_OK;
+   lusMapLockTake();
+   LusHashMap *map = lusPerPortHashMap;
+   if (map == nullptr) {
+      lusMapLockDrop();
       return HYK_OK;
    }
-   LusHashBucket *buckets = TarnHash_Buckets(lusPerPortHashMap);
-   for (uint32_t b = 0; b <= lusPerPortHashMap->bucketMask; b++) {
+   LusHashBucket *buckets = TarnHash_Buckets(map);
+   for (uint32_t b = 0; b <= map->bucketMask && status == HYK_OK; b++) {
       LusListLinks *chain = &buckets[b].chain;
-      for (LusListLinks *p = chain->next; p != chain; p = p->next) {
+      for (LusListLinks *p = chain->next; p != chain && status == HYK_OK; p = p->next) {
          LusPortInstV1 *port = reinterpret_cast<LusPortInstV1 *>(p);
          for (LusListLinks *e = port->clients.next; e != &port->clients; e = e->next) {
             LusClientInst *rec = reinterpret_cast<LusClientInst *>(e);
             if (__atomic_load_n(&rec->state, __ATOMIC_RELAXED) != nullptr) {
-               return HYK_NO_DATA;
+               status = HYK_NO_DATA;
+               break;
             }
          }
       }
    }
-   return HYK_OK;
+   lusMapLockDrop();
+   return status;
 }
 
 /* ---- outage accounting ----------------------------------------------------------------------- */

@@ -248,6 +248,8 @@ ClientEntry *LUS_GetClientName(LusClientInst *record)
 
 /* ---- registration API --------------------------------------------------------------- */
 
+static bool lusMapHoldsV1(const LusHashMap *map);
+
 /*
  * The maps are unpublished under both locks (the pull restore finds the
  * port-phase map under the read side, restore events find the portset-phase
@@ -255,6 +257,20 @@ ClientEntry *LUS_GetClientName(LusClientInst *record)
  */
 void lusFreeHashMaps(void)
 {
+   /*
+    * A map is emptied before it is freed: records enrolled after the
+    * once-only clear ran would otherwise go with the map's memory, and a
+    * record whose callback is under way must be detached, not freed.
+    */
+   LusHashMap *maps[2] = {lusHashMap, lusPerPortHashMap};
+   for (LusHashMap *map : maps) {
+      if (map != nullptr && TarnHash_Count(map) != 0) {
+         hyk_RWSpinlockWriteLock(lusClientLock);
+         LUS_HashEmpty(lusMapHoldsV1(map) ? 1 : 0, map);
+         hyk_RWSpinlockWriteUnlock(lusClientLock);
+      }
+   }
+
    hyk_RWSpinlockWriteLock(lusClientLock);
    lusMapLockTake();
    LusHashMap *psMap = lusHashMap;
@@ -1075,6 +1091,13 @@ static void lusReportClearedV0(const LusInstance *record)
 void lusDeleteEntryUnlinked(LusInstance *record)
 {
    lusReportClearedV0(record);
+   if (record->state != nullptr && record->stateLen != 0) {
+      /* Removed with its state still here: no new client will ever get it. */
+      LUS_LOG_AS("lusDeleteEntry", LUS_LOG_INFO,
+                 "Dropped saved state of port 0x%x client %s: %lu bytes never restored\n",
+                 record->portID, lusRecordClientName(record->fromClient, record->toClient),
+                 (unsigned long)record->stateLen);
+   }
    if (record->stateHeap != 0 && record->state != nullptr) {
       LUS_Free(record->stateHeap, record->state);
    }
@@ -1104,6 +1127,12 @@ static void lusFreePortV1(LusPortInstV1 *instance)
       LusListLinks *next = e->next;
       LusClientInst *rec = reinterpret_cast<LusClientInst *>(e);
       LusList_Remove(e);
+      if (rec->state != nullptr && rec->stateLen != 0) {
+         LUS_LOG_AS("lusDeleteEntryV1", LUS_LOG_INFO,
+                    "Dropped saved state of port 0x%x client %s: %lu bytes never restored\n",
+                    portID, lusRecordClientName(rec->fromClient, rec->toClient),
+                    (unsigned long)rec->stateLen);
+      }
       if (rec->stateHeap != 0) {
          LUS_Free(rec->stateHeap, rec->state);
       }

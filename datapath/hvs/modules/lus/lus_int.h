@@ -215,6 +215,8 @@ void lusClientClearFromOutside(void);
 
 /* Non-zero while a clear is between its first withdrawal and its emptying. */
 extern uint8_t lusClearInProgress;
+/* Restore events that found their port and have not finished it yet. */
+extern uint32_t lusRestoresInFlight;
 
 /* ---- client registry and port maps (lus_client.cpp) --------------------------- */
 

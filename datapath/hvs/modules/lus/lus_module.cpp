@@ -98,6 +98,7 @@ constinit hyk_SpinlockID lusMapLock = HYK_INVALID_LOCK;
 /* Owner of the registry (LUS_REGISTRY_*); see lusRegistryAcquire. */
 constinit uint32_t lusRegistryState = 0;
 constinit uint8_t lusClearInProgress = 0;
+constinit uint32_t lusRestoresInFlight = 0;
 
 constinit LusListLinks lusGlobalState = {nullptr, nullptr};
 constinit LusPsState lusPsState = {};
@@ -317,10 +318,11 @@ void LUS_ClientClearTimerCB(void *data, hyk_TimerHandle timer)
  *
  * From the first withdrawal to the end of the emptying, restore events must
  * not hand state to clients that are going away, nor unblock a port whose
- * state is about to be dropped: lusClearInProgress makes them leave the
+ * state is about to be dropped: lusClearInProgress makes new ones leave the
  * maps alone (the ports stay blocked, and the emptying reports what it
- * dropped).  A record whose callback is under way is detached, not freed;
- * its claimer finishes it.
+ * dropped), and those already at work on a port finish it first.  A record
+ * still claimed when a map is emptied is detached, not freed; its claimer
+ * finishes it.
  */
 void LUS_ClientClear(uint32_t alsoPortPhase)
 {
@@ -335,6 +337,14 @@ void LUS_ClientClear(uint32_t alsoPortPhase)
    lusMapLockTake();
    __atomic_store_n(&lusClearInProgress, 1, __ATOMIC_RELAXED);
    lusMapLockDrop();
+   /*
+    * Restores that found their port before the flag finish it first, their
+    * clients still registered: a port is restored whole or not at all.
+    * They hold nothing the clear holds, so this wait ends.
+    */
+   while (__atomic_load_n(&lusRestoresInFlight, __ATOMIC_ACQUIRE) != 0) {
+      lusCpuRelax();
+   }
 
    if (__atomic_load_n(&lusTARNQRegistered, __ATOMIC_RELAXED) == 1) {
       LUS_Unreg(0);
@@ -596,20 +606,18 @@ void lusCleanup(uint32_t fromBuildGiven)
       }
    }
 
-   if (lusHashMap != nullptr) {
-      if (TarnHash_Count(lusHashMap) != 0) {
-         LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NOT_EMPTY, "Non empty LUS PS phase hash map : %s\n");
-      }
-      LUS_Free(lusHashMap->heap, lusHashMap);
-      lusHashMap = nullptr;
+   /*
+    * Records enrolled after the once-only clear are still here.  They are
+    * reported, then freed with what they hold (each saved buffer reported
+    * as dropped) rather than left in the heaps for the host to find.
+    */
+   if (lusHashMap != nullptr && TarnHash_Count(lusHashMap) != 0) {
+      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NOT_EMPTY, "Non empty LUS PS phase hash map : %s\n");
    }
-   if (lusPerPortHashMap != nullptr) {
-      if (TarnHash_Count(lusPerPortHashMap) != 0) {
-         LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NOT_EMPTY, "Non empty LUS port phase hash map : %s\n");
-      }
-      LUS_Free(lusPerPortHashMap->heap, lusPerPortHashMap);
-      lusPerPortHashMap = nullptr;
+   if (lusPerPortHashMap != nullptr && TarnHash_Count(lusPerPortHashMap) != 0) {
+      LUS_LOG_STATUS(LUS_LOG_ERROR, HYK_NOT_EMPTY, "Non empty LUS port phase hash map : %s\n");
    }
+   lusFreeHashMaps();
 
    lusDestroyLocks();
    lusDestroyTimerQueue();

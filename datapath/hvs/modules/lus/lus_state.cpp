@@ -802,13 +802,15 @@ static void lusTargetOf(const ClientEntry *client, LusRestoreTarget *target)
  * frees it meanwhile; the callback itself runs with no lock of ours held.
  * A port is unblocked only by the event that restored it: an event that
  * finds a record of its port claimed by another thread leaves the port to
- * that thread, and one that meets a clear under way leaves it blocked (the
- * clear reports the state it drops).
+ * that thread.  A restore that has found its port is finished before any
+ * clear empties the map (lusRestoresInFlight: the clear waits for it), and
+ * one that arrives while a clear is under way leaves the port alone,
+ * blocked (the clear reports the state it drops).
  *
- * Both events at once come only from the edition-migration walk of the
- * restore command, which owns the registry; it clears the clients itself
- * when the last record goes.  A restore event leaves that clear to the
- * registry's owner when a command is running.
+ * The clear when the last record goes runs at once when no command owns the
+ * registry, and otherwise when the command lets go of it -- also when the
+ * command is the restore command's own walk, which holds a portset: the
+ * clear waits for restores under way, whose clients may need that portset.
  */
 hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
 {
@@ -846,6 +848,8 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
    first = lusClearInProgress ? nullptr : lusScanV0(uuid, vnicIndex, nullptr);
    if (first != nullptr) {
       firstRequired = first->requiredRestoreEvent;
+      /* From here the port is ours to finish: a clear waits for it. */
+      __atomic_add_fetch(&lusRestoresInFlight, 1u, __ATOMIC_RELAXED);
    }
    lusMapLockDrop();
    if (first == nullptr) {
@@ -862,11 +866,6 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
       lusMapLockTake();
       if (i >= numToClients) {
          lusMapLockDrop();
-         break;
-      }
-      if (lusClearInProgress) {
-         lusMapLockDrop();
-         leaveToOthers = true;
          break;
       }
       LusInstance *inst = lusScanV0(uuid, vnicIndex, toClients[i].clientName);
@@ -946,9 +945,15 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
    if (deleted) {
       LUS_CheckOutage(portID);
    }
-   if (status != HYK_OK || leaveToOthers) {
-      goto done;
+   if (status == HYK_OK && !leaveToOthers) {
+      LUS_LOG(LUS_LOG_INFO, "Custom Unblock port: 0x%x (%d)\n", portID, (int)portID);
+      status = hyk_PortCustomUnblock(portID, LUS_PORT_BLOCK_REASON, 0);
+      if (status != HYK_OK) {
+         LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Custom Unblock Port 0x%x FAILED : %s\n", portID);
+      }
    }
+   __atomic_sub_fetch(&lusRestoresInFlight, 1u, __ATOMIC_RELEASE);
+   goto done;
 
 unblock:
    LUS_LOG(LUS_LOG_INFO, "Custom Unblock port: 0x%x (%d)\n", portID, (int)portID);
@@ -964,11 +969,7 @@ done:
    lusMapLockDrop();
    if (empty) {
       LUS_LOG(LUS_LOG_INFO, "LUS Hash is Empty, Unregistering LUS Clients ...\n");
-      if (restoreEvent == LUS_RESTORE_EVENT_BOTH) {
-         LUS_ClientClear(0);
-      } else {
-         lusClientClearFromOutside();
-      }
+      lusClientClearFromOutside();
    }
    return status;
 }

@@ -626,30 +626,59 @@ LusClientInst *lusClientInstInitV1(uint32_t portID, LusRegContext *ctx, ClientEn
 }
 
 /*
- * Version 0 lookups walk every bucket rather than hash: the record is found
- * by its UUID and its vNIC index together, and the key hashes the UUID only.
- * The caller holds lusMapLock.
+ * The version 0 lookup: the first record, in bucket order, whose UUID and
+ * vNIC index are the given ones (and whose client has the given name, when
+ * one is given).  The design walks every one of the 16,384 buckets for it.
+ * Every record of one UUID hashes to one bucket (the key is the UUID), so
+ * the first match of that walk is the first match in that bucket's chain,
+ * which keeps insertion order: we walk that bucket alone, with the same
+ * result and a cost that does not grow with the map (the full walk stays in
+ * the tests as the reference of a differential test).  The caller holds
+ * lusMapLock.
  */
 LusInstance *lusScanV0(const char *uuid, uint32_t vnicIndex, const char *name)
 {
    if (lusHashMap == nullptr || lusMapHoldsV1(lusHashMap)) {
       return nullptr;
    }
-   LusHashBucket *buckets = TarnHash_Buckets(lusHashMap);
-   for (uint32_t b = 0; b <= lusHashMap->bucketMask; b++) {
-      LusListLinks *chain = &buckets[b].chain;
-      for (LusListLinks *e = chain->next; e != chain; e = e->next) {
-         LusInstance *rec = reinterpret_cast<LusInstance *>(e);
-         if (rec->vnicIndex != vnicIndex ||
-             lusStrNCmp(rec->vmUUID, uuid, LUS_UUID_LEN) != 0) {
-            continue;
-         }
-         if (name == nullptr || lusRecordIsClient(rec->fromClient, rec->toClient, name)) {
-            return rec;
-         }
+   LusListLinks *chain = &TarnHash_BucketOfKey(lusHashMap, uuid)->chain;
+   for (LusListLinks *e = chain->next; e != chain; e = e->next) {
+      LusInstance *rec = reinterpret_cast<LusInstance *>(e);
+      if (rec->vnicIndex != vnicIndex || lusStrNCmp(rec->vmUUID, uuid, LUS_UUID_LEN) != 0) {
+         continue;
+      }
+      if (name == nullptr || lusRecordIsClient(rec->fromClient, rec->toClient, name)) {
+         return rec;
       }
    }
    return nullptr;
+}
+
+/*
+ * Whether some record of this port is claimed by a restore under way, or was
+ * due (no restore event left to wait for) but still holds its state: a
+ * callback failed on it.  Either way the port must stay blocked for now; the
+ * restore under way decides when it ends.  The caller holds lusMapLock.
+ */
+bool lusPortHasUnfinishedV0(const char *uuid, uint32_t vnicIndex)
+{
+   if (lusHashMap == nullptr || lusMapHoldsV1(lusHashMap)) {
+      return false;
+   }
+   LusListLinks *chain = &TarnHash_BucketOfKey(lusHashMap, uuid)->chain;
+   for (LusListLinks *e = chain->next; e != chain; e = e->next) {
+      const LusInstance *rec = reinterpret_cast<const LusInstance *>(e);
+      if (rec->vnicIndex != vnicIndex || lusStrNCmp(rec->vmUUID, uuid, LUS_UUID_LEN) != 0) {
+         continue;
+      }
+      if ((rec->claim & LUS_CLAIM_BUSY) != 0) {
+         return true;
+      }
+      if (rec->requiredRestoreEvent == 0 && rec->state != nullptr && rec->stateLen != 0) {
+         return true;
+      }
+   }
+   return false;
 }
 
 /*

@@ -263,6 +263,8 @@ static inline void lusMapLockDrop(void) { hyk_SpinlockUnlock(lusMapLock); }
  */
 /* The version 0 scan itself; the caller holds lusMapLock. */
 LusInstance *lusScanV0(const char *uuid, uint32_t vnicIndex, const char *name);
+/* A record of this port is under restore elsewhere, or failed its restore (lusMapLock held). */
+bool lusPortHasUnfinishedV0(const char *uuid, uint32_t vnicIndex);
 LusInstance *lusClaimV0(const char *uuid, uint32_t vnicIndex, const char *name, bool *busy);
 bool lusReleaseV0(LusInstance *record);
 /* Frees a detached record and whatever buffer it still holds. */

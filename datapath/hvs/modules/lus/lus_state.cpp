@@ -800,9 +800,10 @@ static void lusTargetOf(const ClientEntry *client, LusRestoreTarget *target)
  * at once on several threads.  Each record is claimed under lusMapLock
  * before its client is called and removed after, so that no other path
  * frees it meanwhile; the callback itself runs with no lock of ours held.
- * A port is unblocked only by the event that restored it: an event that
- * finds a record of its port claimed by another thread leaves the port to
- * that thread.  A restore that has found its port is finished before any
+ * A port is unblocked by the event that finishes its last claim, when no
+ * record of it failed: an event that finds a record of its port claimed by
+ * another thread skips that record, and each finisher looks again once its
+ * own claims are gone.  A restore that has found its port is finished before any
  * clear empties the map (lusRestoresInFlight: the clear waits for it), and
  * one that arrives while a clear is under way leaves the port alone,
  * blocked (the clear reports the state it drops).
@@ -819,7 +820,7 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
    char uuid[LUS_UUID_LEN] = {};
    uint32_t vnicIndex = 0;
    bool deleted = false;
-   bool leaveToOthers = false;
+   bool othersUnfinished = false;
    bool empty;
    uint32_t firstRequired = 0;
    LusInstance *first;
@@ -875,8 +876,7 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
       }
       if ((inst->claim & LUS_CLAIM_BUSY) != 0) {
          lusMapLockDrop();
-         leaveToOthers = true;
-         continue;
+         continue; /* another event is restoring this client of the port */
       }
       ClientEntry *client = inst->toClient;
       if (client == nullptr) {
@@ -945,7 +945,17 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
    if (deleted) {
       LUS_CheckOutage(portID);
    }
-   if (status == HYK_OK && !leaveToOthers) {
+   if (status == HYK_OK) {
+      /*
+       * Whoever finishes a port's last claim unblocks it: an event that
+       * skipped a record claimed by another leaves the port to that one, and
+       * every finisher looks again, after letting go of its own claims.
+       */
+      lusMapLockTake();
+      othersUnfinished = lusPortHasUnfinishedV0(uuid, vnicIndex);
+      lusMapLockDrop();
+   }
+   if (status == HYK_OK && !othersUnfinished) {
       LUS_LOG(LUS_LOG_INFO, "Custom Unblock port: 0x%x (%d)\n", portID, (int)portID);
       status = hyk_PortCustomUnblock(portID, LUS_PORT_BLOCK_REASON, 0);
       if (status != HYK_OK) {

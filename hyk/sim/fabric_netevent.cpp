@@ -16,9 +16,11 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "fabric_common.h"
+#include "hyksim/datapath.h"
 #include "hyksim/fabric.h"
 
 namespace hyksim::fabric {
@@ -241,6 +243,25 @@ hyk_Status PostPortsetEvent(const std::string &portset, const std::string &name,
    hyk_Status status = fabric::DeliverNet(name, ps, payload ? copy.data() : nullptr, len);
    fabric::ReturnPortset(ps);
    return status;
+}
+
+hyk_Status TakeOverPortset(const std::string &portset, uint32_t build, unsigned threads) {
+   if (threads == 0) {
+      return HYK_BAD_PARAM;
+   }
+   std::vector<hyk_Status> results(threads, HYK_OK);
+   std::vector<std::thread> posters;
+   for (unsigned i = 0; i < threads; i++) {
+      posters.emplace_back([&, i] {
+         hyksim_TakeOver notice{build, i, threads};
+         results[i] = PostPortsetEvent(portset, HYKSIM_EVENT_TAKEOVER, &notice, sizeof(notice));
+      });
+   }
+   for (auto &t : posters) t.join();
+   for (hyk_Status s : results) {
+      if (s != HYK_OK) return s;
+   }
+   return HYK_OK;
 }
 
 hyk_Status PostGlobalEvent(const std::string &name, const void *payload, uint32_t len) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core.h"
+#include "hyksim/ledger.h"
 
 namespace hyksim {
 namespace {
@@ -180,6 +181,7 @@ void HostStart(const HostOptions &options) {
    core::FaultsReset();
    core::ModulesReset();
    core::HeapsClearHistory();
+   LedgerClear();
    ApplyOptions(options);
    core::ClockReset(options.virtualClock);
    core::LogStart();

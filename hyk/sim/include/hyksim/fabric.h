@@ -97,6 +97,12 @@ std::vector<PortsetView> Portsets();
 hyk_Status PostPortsetEvent(const std::string &portset, const std::string &name,
                             const void *payload, uint32_t len);
 hyk_Status PostGlobalEvent(const std::string &name, const void *payload, uint32_t len);
+// "The new datapath of `build` takes portset X over" (hyksim/datapath.h):
+// posts the takeover event on the portset from `threads` host threads at
+// once, each with its share of the ports, and waits for them.  The switch
+// module of that build answers by posting the port-unblock event for each
+// port of its share.  Returns the first failing post's status.
+hyk_Status TakeOverPortset(const std::string &portset, uint32_t build, unsigned threads = 1);
 
 struct SubscriptionView {
    std::string event;

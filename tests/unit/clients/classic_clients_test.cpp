@@ -192,5 +192,50 @@ TEST_F(ClassicClientsTest, SlowRestoreExceedsTheOutageBudgetAndIsReported) {
    UnloadAll();
 }
 
+// The old stats module announces 4 bytes where it keeps 40: lus gives it 4,
+// it hands over the first 4, and the new build cannot read that and refuses
+// it with a clear status; the port stays blocked and the ledger says refused.
+TEST_F(ClassicClientsTest, StateCutShortByAWrongSizeIsRefusedByTheNewBuild) {
+   SetUpHost({{"tarnq-stats", {"reportSize=4"}}});
+   SaveAndSwap();
+   ASSERT_EQ(hyksim::TakeOverPortset("ps0", kNew, 1), HYK_OK);
+   auto stats = hyksim::LedgerOf("tarnq-stats");
+   EXPECT_EQ(Port(stats, HYKSIM_LEDGER_SAVED).bytes, 4u * 200u);
+   EXPECT_EQ(Port(stats, HYKSIM_LEDGER_REFUSED).ports, 100u);
+   EXPECT_EQ(Port(stats, HYKSIM_LEDGER_VERIFIED).bytes, 0u);
+   EXPECT_EQ(hyksim::LogCount("Restore Runtime State FAIL for client tarnq-stats : Interface version mismatch"),
+             100u);
+   for (hyk_PortID p : ps0_) EXPECT_TRUE(Blocked(p)) << p;
+   UnloadAll();
+}
+
+// A client that announces no state for a port hands nothing over: lus marks
+// the record as asked-and-empty and the new build is not called for it.
+TEST_F(ClassicClientsTest, ClientAnnouncingNoStateIsNotCalledBack) {
+   SetUpHost({{"tarnq-stats", {"reportSize=0"}}});
+   SaveAndSwap();
+   ASSERT_EQ(hyksim::TakeOverPortset("ps0", kNew, 1), HYK_OK);
+   ASSERT_EQ(hyksim::TakeOverPortset("ps1", kNew, 1), HYK_OK);
+   auto stats = hyksim::LedgerOf("tarnq-stats");
+   EXPECT_EQ(Port(stats, HYKSIM_LEDGER_SAVED).bytes, 0u);
+   EXPECT_EQ(Port(stats, HYKSIM_LEDGER_RESTORED).bytes, 0u);
+   EXPECT_EQ(Port(hyksim::LedgerOf("tarnq-vswitch"), HYKSIM_LEDGER_VERIFIED).ports, 200u);
+   for (hyk_PortID p : AllPorts()) EXPECT_FALSE(Blocked(p)) << p;
+   UnloadAll();
+}
+
+// getRuntimeState of the old switch fails on its fifth call: the save walk of
+// that portset stops there (the ports before it keep what they saved), the
+// save command still succeeds, and the other portset is saved in full.
+TEST_F(ClassicClientsTest, SaveFailingOnTheNthCallStopsThatPortsetOnly) {
+   SetUpHost({{"tarnq-vswitch", {"failSlot=2", "failNth=5", "failStatus=0xbad0014"}}});
+   SaveAndSwap();
+   EXPECT_EQ(hyksim::LogCount("getRuntimeState FAIL for client tarnq-vswitch : Out of memory"), 1u);
+   EXPECT_EQ(hyksim::LogCount("Saving LUS Runtime data FAIL : Out of memory"), 1u);
+   auto vsw = hyksim::LedgerOf("tarnq-vswitch");
+   EXPECT_EQ(Port(vsw, HYKSIM_LEDGER_SAVED).ports, 4u + 100u);
+   UnloadAll();
+}
+
 }  // namespace
 }  // namespace lustest

@@ -91,6 +91,11 @@ class ClientTest : public ::testing::Test {
       }
       return ids;
    }
+   static std::string Hex(uint32_t v) {
+      char buf[16];
+      std::snprintf(buf, sizeof(buf), "%x", v);
+      return buf;
+   }
    static bool Blocked(hyk_PortID port) {
       return (hyksim::FindPort(port)->blockReasons & 0x2000) != 0;
    }

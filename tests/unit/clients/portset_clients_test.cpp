@@ -105,6 +105,41 @@ TEST_F(PortsetClientsTest, PerPortsetUpgradeCarriesGlobalAndPortsetStateAndACont
    EXPECT_TRUE(hyksim::LeakReports().empty());
 }
 
+// The new stats module fails the pull of a container port's state: lus frees
+// every buffer of the port (a port restored in part is worse than none),
+// reports what it dropped, and leaves the port blocked.
+TEST_F(PortsetClientsTest, FailedPullOfAContainerPortDropsItsStateWithAReport) {
+   LoadLusNew();
+   LoadClient("tarnq-vswitch", kOld);
+   LoadClient("tarnq-stats", kOld);
+   auto ports = Portset("dvs-e", 2, 1, "etherswitch", 107);
+   const hyk_PortID container = ports.back();
+   lusctl::Client &tool = Tool();
+   ASSERT_EQ(tool.Register(LUS_REG_FROM_V1, {}), HYK_OK);
+   LoadClient("tarnq-vswitch", kNew);
+   LoadClient("tarnq-stats", kNew, {"failSlot=3"});
+   LoadClient("tarnq-stub-vswitch", kNew);
+   ASSERT_EQ(tool.Register(LUS_REG_TO_V1, {}), HYK_OK);
+   std::vector<lusctl::ModuleArg> modules = {
+      {true, hyksim::FindModule("tarnq-stats-1000")->id},
+      {false, hyksim::FindModule("tarnq-stats-2000")->id}};
+   ASSERT_EQ(tool.PsUpgrade("dvs-e", modules), HYK_OK);
+   ASSERT_EQ(tool.UpgradePort(0, container, 1), HYK_OK);
+   ASSERT_EQ(hyksim::EnablePort(container), HYK_OK);
+
+   EXPECT_TRUE(Blocked(container));
+   EXPECT_EQ(hyksim::LogCount("Restore Runtime state FAIL for client tarnq-stats port 0x" +
+                              Hex(container) + " : Failure"), 1u);
+   auto stats = hyksim::LedgerOf("tarnq-stats");
+   EXPECT_EQ(stats.ports[container][HYKSIM_LEDGER_SAVED], 40u);
+   EXPECT_EQ(stats.ports[container][HYKSIM_LEDGER_RESTORED], 0u);
+   EXPECT_EQ(DroppedBytes("tarnq-stats"), 40u);
+   EXPECT_EQ(tool.StateRestoreComplete(), HYK_OK);   // nothing is waiting any more
+   tool_.reset();
+   proc_.reset();
+   ASSERT_EQ(UnloadLus(), HYK_OK);
+}
+
 // A legacy-edition client: its records wait for both restore events.  The
 // unblock event alone unblocks the port (the datapath can carry it) but
 // restores nothing; the port-enable event then hands the state over.

@@ -89,11 +89,28 @@ static void lusDropStateV1(LusClientInst *rec)
    rec->stateInfo &= ~(uint64_t)0xff;
 }
 
+/*
+ * A saved buffer given up before any new client got it is said out loud,
+ * as every removal of a record with state is (lus_client), so that no loss
+ * is silent.
+ */
+static void lusReportDropV1(const char *fn, uint32_t portID, const LusClientInst *rec)
+{
+   if (rec->state == nullptr || rec->stateLen == 0) {
+      return;
+   }
+   const ClientEntry *client = rec->fromClient != nullptr ? rec->fromClient : rec->toClient;
+   LUS_LOG_AS(fn, LUS_LOG_INFO,
+              "Dropped saved state of port 0x%x client %s: %lu bytes never restored\n", portID,
+              client != nullptr ? client->clientName : "", (unsigned long)rec->stateLen);
+}
+
 /* Forgets every buffer of a port whose single-port save failed: no half state is handed over. */
 static void lusWipePortStateV1(LusPortInstV1 *port)
 {
    for (LusListLinks *e = port->clients.next; e != &port->clients; e = e->next) {
       LusClientInst *rec = reinterpret_cast<LusClientInst *>(e);
+      lusReportDropV1("LUSPerPortUpgradeSave", port->portID, rec);
       LUS_Free(rec->stateHeap, rec->state);
       __atomic_store_n(&rec->state, nullptr, __ATOMIC_RELAXED);
       rec->stateHeap = 0;
@@ -1119,6 +1136,7 @@ void lusGetRestoreState(char *clientName, uint32_t portID)
       LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Restore Runtime state FAIL for client %s port 0x%x : %s\n",
                      failed->toClient->clientName, portID);
       for (LusListLinks *e = port->clients.next; e != &port->clients; e = e->next) {
+         lusReportDropV1(__func__, portID, reinterpret_cast<LusClientInst *>(e));
          lusDropStateV1(reinterpret_cast<LusClientInst *>(e));
       }
       if (!othersPending) {

@@ -154,6 +154,7 @@ PortsetView ViewOf(const Portset &ps) {
    v.className = ps.className;
    v.classModule = ps.classModule;
    v.fabricVersion = ps.fabricVersion;
+   v.fastDatapath = ps.fastDatapath;
    v.ports.assign(ps.ports.begin(), ps.ports.end());
    v.upgradeNamespaces = ps.namespaces;
    v.upgradeProperties = ps.upgradeProperties;

@@ -80,6 +80,7 @@ struct PortsetView {
    uint32_t acquireCount;                     // times acquired and not yet released
    std::vector<uint32_t> fdpCommandClasses;   // the command class of each record, in order
    bool exclusive = false;                    // held with HYK_PORTSET_ACCESS_EXCL now
+   bool fastDatapath = false;                 // accepts hyk_FdpSwitchCommand
 };
 std::optional<PortsetView> FindPortset(const std::string &name);
 std::vector<PortsetView> Portsets();

@@ -1,0 +1,337 @@
+// flows.cpp -- the two upgrade flows, each the sequence of steps the design
+// gives, the host's module loads and unloads among them.  A flow stops at
+// its first failing step.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "tool.h"
+
+namespace lusctl {
+
+namespace {
+
+struct Step {
+   std::string name;
+   uint32_t number = UINT32_MAX;   // device command, or UINT32_MAX for a host action
+   std::vector<uint8_t> payload;
+   std::function<hyk_Status(std::string *detail)> run;
+};
+
+std::string Hex(const std::vector<uint8_t> &bytes) {
+   std::string out;
+   for (uint8_t b : bytes) out += fmt::format("{:02x}", b);
+   return out;
+}
+
+bool EndsWith(const std::string &s, const std::string &suffix) {
+   return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The old build's datapath modules that are loaded ("<name>-<from>"), by name without the build.
+std::vector<std::string> OldModules(Host &host, const FlowOptions &opts) {
+   if (!opts.clients.empty()) return opts.clients;
+   const std::string suffix = fmt::format("-{}", opts.fromBuild);
+   std::vector<std::string> out;
+   for (const auto &m : host.Modules()) {
+      if (m.name != "lus" && EndsWith(m.name, suffix)) {
+         out.push_back(m.name.substr(0, m.name.size() - suffix.size()));
+      }
+   }
+   std::sort(out.begin(), out.end());
+   return out;
+}
+
+std::string Versioned(const std::string &name, uint32_t build) {
+   return fmt::format("{}-{}", name, build);
+}
+
+// Ports of the listed portsets that lus carries state for (vNIC and container ports).
+std::vector<hyksim::PortView> UpgradedPorts(Host &host, const std::vector<std::string> &portsets) {
+   std::vector<hyksim::PortView> out;
+   for (const auto &p : host.Ports()) {
+      if (std::find(portsets.begin(), portsets.end(), p.portset) == portsets.end()) continue;
+      if (p.desc.clientType == HYK_PORT_CLIENT_VNIC || p.desc.clientType == HYK_PORT_CLIENT_CONTAINER) {
+         out.push_back(p);
+      }
+   }
+   return out;
+}
+
+class FlowBuilder {
+  public:
+   FlowBuilder(Environment &env, const FlowOptions &opts)
+      : env_(env), host_(*env.host), opts_(opts), old_(OldModules(*env.host, opts)) {}
+
+   std::vector<Step> Classic() {
+      std::vector<Step> steps;
+      std::vector<PortsetArg> ps;
+      for (const auto &n : opts_.portsets) ps.push_back({n, 0, 0});
+      steps.push_back(LoadLus());
+      steps.push_back(LoadNewBuild());
+      steps.push_back(OpenDevice());
+      steps.push_back(Command("register", LUS_IOCTL_REG_TO, PortsetQuery(ps, opts_.legacy, 0)));
+      steps.push_back(Command("block", LUS_IOCTL_BLOCK_PORTS, PortsetQuery(ps, false, opts_.maxOutageSec)));
+      steps.push_back(Command("save", LUS_IOCTL_PRE_UNLOAD, PortsetQuery(ps, opts_.legacy, 0)));
+      steps.push_back(UnloadOldBuild());
+      steps.push_back(Command("register", LUS_IOCTL_REG_TO, PortsetQuery(ps, opts_.legacy, 0)));
+      steps.push_back(TakeOver());
+      steps.push_back(CheckUnblocked());
+      steps.push_back(CloseDevice());
+      return steps;
+   }
+
+   std::vector<Step> Portset() {
+      std::vector<Step> steps;
+      steps.push_back(LoadLus());
+      steps.push_back(OpenDevice());
+      steps.push_back(Command("register", LUS_IOCTL_REG_FROM_EXT, PortsetQuery({}, false, 0)));
+      steps.push_back(Command("pre-dual-load", LUS_IOCTL_PRE_DUAL_LOAD, {}));
+      steps.push_back(LoadNewBuild());
+      steps.push_back(Command("register", LUS_IOCTL_REG_TO_EXT, PortsetQuery({}, false, 0)));
+      steps.push_back(Command("global-config", LUS_IOCTL_GLOBAL_CONFIG, {}));
+      for (const auto &name : opts_.portsets) {
+         steps.push_back(Command("ps-upgrade " + name, LUS_IOCTL_PS_UPGRADE,
+                                 PsUpgradeQuery(name, ModuleList()), /*lazy=*/true, name));
+      }
+      for (uint32_t port : opts_.containerPorts) {
+         steps.push_back(Command(fmt::format("upgrade-port {}", port), LUS_IOCTL_UPGRADE_PORT,
+                                 UpgradePortQuery(0, port, 1)));
+         steps.push_back(PortUp(port));
+      }
+      steps.push_back(Command("collection-complete", LUS_IOCTL_STATE_COLLECTED, {}));
+      steps.push_back(RestoreComplete());
+      for (const auto &name : opts_.portsets) {
+         if (FastDatapath(name)) {
+            steps.push_back(Command("fdp " + name, LUS_IOCTL_FDP_OP,
+                                    PortsetQuery({{name, 1, 1}}, false, 0)));
+         }
+      }
+      steps.push_back(CloseDevice());
+      steps.push_back(HostStep("unload lus", [this](std::string *d) {
+         *d = "the unload clears and unregisters every client";
+         return host_.UnloadModule("lus");
+      }));
+      steps.push_back(UnloadOldBuild());
+      return steps;
+   }
+
+  private:
+   Step HostStep(std::string name, std::function<hyk_Status(std::string *)> run) {
+      Step s;
+      s.name = std::move(name);
+      s.run = std::move(run);
+      return s;
+   }
+
+   Step Command(std::string name, uint32_t cmd, std::vector<uint8_t> payload, bool lazy = false,
+                std::string portset = "") {
+      Step s;
+      s.name = std::move(name);
+      s.number = cmd;
+      s.payload = std::move(payload);
+      auto bytes = s.payload;
+      s.run = [this, cmd, bytes, lazy, portset](std::string *) mutable {
+         if (lazy) bytes = PsUpgradeQuery(portset, ModuleList());   // module IDs of the loaded build
+         if (!device_) return static_cast<hyk_Status>(HYK_INVALID_HANDLE);
+         return device_->Ioctl(cmd, bytes, static_cast<uint32_t>(bytes.size()));
+      };
+      return s;
+   }
+
+   Step LoadLus() {
+      return HostStep("load lus", [this](std::string *d) {
+         std::string error;
+         *d = fmt::format("lus of build {} with fromBuild={}", opts_.toBuild, opts_.fromBuild);
+         hyk_Status s = host_.LoadModule(fmt::format("lus-{}", opts_.toBuild),
+                                         {fmt::format("fromBuild={}", opts_.fromBuild)}, &error);
+         if (s != HYK_OK && !error.empty()) *d += ": " + error;
+         return s;
+      });
+   }
+
+   Step LoadNewBuild() {
+      return HostStep("load new build", [this](std::string *d) {
+         std::vector<std::string> loaded;
+         for (const auto &m : old_) {
+            std::string error;
+            hyk_Status s = host_.LoadModule(Versioned(m, opts_.toBuild), Params(m), &error);
+            if (s != HYK_OK) {
+               *d = fmt::format("{}: {}", Versioned(m, opts_.toBuild), error);
+               return s;
+            }
+            loaded.push_back(Versioned(m, opts_.toBuild));
+         }
+         *d = fmt::format("dual load: {}", fmt::join(loaded, ", "));
+         return static_cast<hyk_Status>(HYK_OK);
+      });
+   }
+
+   // The new build takes the parameters the old one runs with (its seed among them).
+   std::vector<std::string> Params(const std::string &) { return opts_.moduleParams; }
+
+   Step UnloadOldBuild() {
+      return HostStep("unload old build", [this](std::string *d) {
+         for (const auto &m : old_) {
+            hyk_Status s = host_.UnloadModule(Versioned(m, opts_.fromBuild));
+            if (s != HYK_OK) {
+               *d = fmt::format("{} stays loaded", Versioned(m, opts_.fromBuild));
+               return s;
+            }
+         }
+         *d = fmt::format("{} modules of build {}", old_.size(), opts_.fromBuild);
+         return static_cast<hyk_Status>(HYK_OK);
+      });
+   }
+
+   Step OpenDevice() {
+      return HostStep("open device", [this](std::string *d) {
+         device_ = env_.openDevice();
+         *d = "/dev/lus";
+         return device_->Open();
+      });
+   }
+   Step CloseDevice() {
+      return HostStep("close device", [this](std::string *) {
+         if (device_) device_->Close();
+         device_.reset();
+         return static_cast<hyk_Status>(HYK_OK);
+      });
+   }
+
+   Step TakeOver() {
+      return HostStep("new datapath takes over", [this](std::string *d) {
+         for (const auto &name : opts_.portsets) {
+            hyk_Status s = host_.TakeOver(name, opts_.toBuild);
+            if (s != HYK_OK) {
+               *d = "portset " + name;
+               return s;
+            }
+            if (opts_.legacy) {
+               // The legacy edition's records also wait for each port to come up.
+               for (const auto &p : UpgradedPorts(host_, {name})) hyksim::EnablePort(p.id);
+            }
+         }
+         *d = fmt::format("build {} carries {}", opts_.toBuild, fmt::join(opts_.portsets, ", "));
+         return static_cast<hyk_Status>(HYK_OK);
+      });
+   }
+
+   Step PortUp(uint32_t port) {
+      return HostStep(fmt::format("port {} up", port), [port](std::string *d) {
+         *d = "the new filter pulls its state";
+         return hyksim::EnablePort(port);
+      });
+   }
+
+   Step CheckUnblocked() {
+      return HostStep("ports restored", [this](std::string *d) {
+         size_t blocked = 0, total = 0;
+         for (const auto &p : UpgradedPorts(host_, opts_.portsets)) {
+            total++;
+            blocked += (p.blockReasons & HYK_PORT_BLOCK_CUSTOM) != 0;
+         }
+         *d = fmt::format("{} of {} ports pass traffic", total - blocked, total);
+         return blocked == 0 ? static_cast<hyk_Status>(HYK_OK) : static_cast<hyk_Status>(HYK_BUSY);
+      });
+   }
+
+   Step RestoreComplete() {
+      Step s = Command("restore-complete", LUS_IOCTL_RESTORE_COMPLETE, {});
+      auto once = s.run;
+      s.run = [this, once](std::string *d) {
+         hyk_Status st = HYK_NO_DATA;
+         unsigned round = 0;
+         for (; round < opts_.restoreRounds; round++) {
+            st = once(d);
+            if (st != HYK_NO_DATA) break;
+         }
+         *d = fmt::format("asked {} time(s)", round + 1);
+         return st;
+      };
+      return s;
+   }
+
+   bool FastDatapath(const std::string &name) {
+      for (const auto &p : host_.Portsets()) {
+         if (p.name == name) return p.fastDatapath;
+      }
+      return false;
+   }
+
+   // Command 9's module list: every old module and its new twin, and the extras.
+   std::vector<ModuleArg> ModuleList() {
+      std::vector<ModuleArg> out;
+      auto idOf = [this](const std::string &name) -> std::optional<hyk_ModuleID> {
+         for (const auto &m : host_.Modules()) {
+            if (m.name == name) return m.id;
+         }
+         return std::nullopt;
+      };
+      for (const auto &m : old_) {
+         if (auto id = idOf(Versioned(m, opts_.fromBuild))) out.push_back({true, *id});
+         if (auto id = idOf(Versioned(m, opts_.toBuild))) out.push_back({false, *id});
+      }
+      for (const auto &extra : opts_.modules) {
+         auto colon = extra.find(':');
+         bool from = extra.rfind("from:", 0) == 0;
+         std::string name = colon == std::string::npos ? extra : extra.substr(colon + 1);
+         if (auto id = idOf(name)) out.push_back({from, *id});
+      }
+      return out;
+   }
+
+   Environment &env_;
+   Host &host_;
+   FlowOptions opts_;
+   std::vector<std::string> old_;
+   std::unique_ptr<Device> device_;
+};
+
+}  // namespace
+
+FlowResult RunFlow(Environment &env, const FlowOptions &opts, const Progress &progress) {
+   FlowBuilder builder(env, opts);
+   std::vector<Step> steps = opts.kind == FlowOptions::kClassic ? builder.Classic() : builder.Portset();
+   FlowResult result;
+   auto log = env.host->Log();
+   result.logSeqStart = log.empty() ? 0 : log.back().seq + 1;
+   result.startUS = env.host->NowUS();
+   const int total = static_cast<int>(steps.size());
+   for (int i = 0; i < total; i++) {
+      StepRecord rec;
+      rec.index = i + 1;
+      rec.name = steps[i].name;
+      rec.number = steps[i].number;
+      if (rec.number != UINT32_MAX) rec.command = CommandLabel(rec.number);
+      if (opts.dryRun) {
+         rec.detail = rec.number != UINT32_MAX ? "payload " + (steps[i].payload.empty() ? std::string("(none)") : Hex(steps[i].payload)) : "host action";
+         result.steps.push_back(rec);
+         if (progress) progress(rec, total, true);
+         continue;
+      }
+      if (progress) progress(rec, total, false);
+      rec.startUS = env.host->NowUS();
+      rec.status = steps[i].run(&rec.detail);
+      rec.endUS = env.host->NowUS();
+      result.steps.push_back(rec);
+      if (progress) progress(rec, total, true);
+      if (rec.status != HYK_OK) {
+         result.ok = false;
+         result.failedStep = i + 1;
+         // A device left open would pin lus: close it, as a process that stops does.
+         for (int j = i + 1; j < total; j++) {
+            if (steps[j].name == "close device") {
+               std::string ignored;
+               steps[j].run(&ignored);
+               break;
+            }
+         }
+         break;
+      }
+   }
+   result.endUS = env.host->NowUS();
+   return result;
+}
+
+}  // namespace lusctl

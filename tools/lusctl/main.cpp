@@ -1,0 +1,180 @@
+// main.cpp -- the lusctl program.  Until the host program can serve the
+// device over a socket, lusctl runs a simulated host in its own process:
+// the --sim-* options build that host (portsets, the old build's datapath
+// modules, lus) before the command runs, the way a host looks before an
+// upgrade.  Everything after them is the tool's own command line.
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <cstring>
+#include <iostream>
+#include <sstream>
+
+#include "tool.h"
+
+#ifndef LUSCTL_MODULE_DIR
+#define LUSCTL_MODULE_DIR "modules"
+#endif
+
+namespace {
+
+const char *kSimHelp = R"(Simulated host (given before or after the command):
+  --sim-portset NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]]
+                        a portset of VNICS vNIC ports (two per VM) and CONTAINERS
+                        container ports, class CLASS (default etherswitch)
+  --sim-client NAME     a datapath module of the old build, e.g. tarnq-dfw (repeatable;
+                        tarnq-vswitch provides the portsets' class and is loaded first)
+  --sim-build N         the old build (default 1000)
+  --sim-seed N          the seed of the modules' state (default 7)
+  --sim-lus             load lus of build 2000 (fromBuild: the old build) before the
+                        command, for single commands
+  --sim-virtual-clock   the host's virtual clock (time moves only when something sleeps),
+                        instead of its real one
+  --module-dir DIR      where lus.so and clients/*.so are (default: the build's)
+Example:
+  lusctl --sim-portset ps0:100 --sim-portset ps1:100 --sim-client tarnq-vswitch \
+         --sim-client tarnq-dfw --sim-client tarnq-stats \
+         upgrade classic --from-build 1000 --to-build 2000 --portset ps0 --portset ps1 \
+         --module-param seed=7 --report-json r.json --trace t.json --chart c.svg)";
+
+struct SimOptions {
+   std::vector<std::string> portsets, clients;
+   uint32_t build = 1000, seed = 7;
+   bool lus = false, virtualClock = false;
+   std::string moduleDir = LUSCTL_MODULE_DIR;
+};
+
+std::vector<std::string> Split(const std::string &s, char sep) {
+   std::vector<std::string> out;
+   std::stringstream ss(s);
+   std::string part;
+   while (std::getline(ss, part, sep)) out.push_back(part);
+   return out;
+}
+
+// Takes the --sim-* options (and --module-dir) out of the arguments.
+bool TakeSimOptions(std::vector<std::string> &args, SimOptions &sim, std::string &error) {
+   std::vector<std::string> rest;
+   for (size_t i = 0; i < args.size(); i++) {
+      const std::string &a = args[i];
+      auto value = [&](std::string *v) {
+         if (i + 1 >= args.size()) {
+            error = a + " needs a value";
+            return false;
+         }
+         *v = args[++i];
+         return true;
+      };
+      std::string v;
+      if (a == "--sim-portset") {
+         if (!value(&v)) return false;
+         sim.portsets.push_back(v);
+      } else if (a == "--sim-client") {
+         if (!value(&v)) return false;
+         sim.clients.push_back(v);
+      } else if (a == "--sim-build" || a == "--sim-seed") {
+         if (!value(&v)) return false;
+         char *end = nullptr;
+         unsigned long n = std::strtoul(v.c_str(), &end, 10);
+         if (v.empty() || *end != '\0') {
+            error = a + ": not a number: " + v;
+            return false;
+         }
+         (a == "--sim-build" ? sim.build : sim.seed) = static_cast<uint32_t>(n);
+      } else if (a == "--sim-lus") {
+         sim.lus = true;
+      } else if (a == "--sim-virtual-clock") {
+         sim.virtualClock = true;
+      } else if (a == "--module-dir") {
+         if (!value(&sim.moduleDir)) return false;
+      } else if (a.rfind("--sim-", 0) == 0) {
+         error = "unknown option " + a;
+         return false;
+      } else {
+         rest.push_back(a);
+      }
+   }
+   args = rest;
+   return true;
+}
+
+bool BuildHost(const SimOptions &sim, lusctl::Host &host, std::string &error) {
+   std::vector<std::string> clients = sim.clients;
+   std::stable_partition(clients.begin(), clients.end(), [](const std::string &c) { return c == "tarnq-vswitch"; });
+   for (const auto &c : clients) {
+      std::string why;
+      hyk_Status s = host.LoadModule(fmt::format("{}-{}", c, sim.build), {fmt::format("seed={}", sim.seed)}, &why);
+      if (s != HYK_OK) {
+         error = fmt::format("cannot load {}-{}: {}", c, sim.build, why.empty() ? hyk_StatusToString(s) : why);
+         return false;
+      }
+   }
+   for (const auto &spec : sim.portsets) {
+      auto f = Split(spec, ':');
+      if (f.size() < 2 || f[0].empty()) {
+         error = "--sim-portset " + spec + ": expected NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]]";
+         return false;
+      }
+      hyksim::PortsetSpec desc;
+      desc.name = f[0];
+      desc.className = f.size() > 3 && !f[3].empty() ? f[3] : "etherswitch";
+      desc.fastDatapath = f.size() > 4 && f[4] == "fdp";
+      const std::string sw = fmt::format("tarnq-vswitch-{}", sim.build);
+      if (hyksim::FindModule(sw)) desc.classModule = sw;
+      if (hyksim::AddPortset(desc) != HYK_OK) {
+         error = "cannot add portset " + desc.name;
+         return false;
+      }
+      const int vnics = std::atoi(f[1].c_str());
+      const int containers = f.size() > 2 ? std::atoi(f[2].c_str()) : 0;
+      for (int i = 0; i < vnics; i++) {
+         hyksim::PortSpec port;
+         port.vmUUID = fmt::format("{}-vm-{}", desc.name, i / 2);
+         port.vnicIndex = static_cast<uint32_t>(i % 2);
+         port.properties["com.corvid.port.extraConfig.vnic.external.id"] = "ext-" + desc.name;
+         hyk_PortID id = 0;
+         hyksim::AddPort(desc.name, port, &id);
+      }
+      for (int i = 0; i < containers; i++) {
+         hyksim::PortSpec port;
+         port.clientType = HYK_PORT_CLIENT_CONTAINER;
+         port.properties["com.corvid.common.port.pfilteraltkpx"] = fmt::format("filter-{}", i);
+         hyk_PortID id = 0;
+         hyksim::AddPort(desc.name, port, &id);
+      }
+   }
+   if (sim.lus) {
+      std::string why;
+      if (host.LoadModule("lus-2000", {fmt::format("fromBuild={}", sim.build)}, &why) != HYK_OK) {
+         error = "cannot load lus: " + why;
+         return false;
+      }
+   }
+   return true;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+   std::vector<std::string> args(argv + 1, argv + argc);
+   SimOptions sim;
+   std::string error;
+   if (!TakeSimOptions(args, sim, error)) {
+      std::cerr << "lusctl: " << error << "\n" << kSimHelp << "\n";
+      return 2;
+   }
+   hyksim::HostOptions options;
+   options.virtualClock = sim.virtualClock;
+   hyksim::HostStart(options);
+   auto host = lusctl::MakeSimHost(sim.moduleDir);
+   int code = 2;
+   if (!BuildHost(sim, *host, error)) {
+      std::cerr << "lusctl: simulated host: " << error << "\n";
+   } else {
+      lusctl::Environment env{host.get(), [] { return lusctl::MakeSimDevice(); }};
+      code = lusctl::RunCli(env, args, std::cout, std::cerr, isatty(STDOUT_FILENO) != 0, kSimHelp);
+   }
+   hyksim::HostStop();
+   return code;
+}

@@ -104,6 +104,17 @@ class Cli {
       AddCommands(app);
       AddFlows(app);
 
+      // A word that is no command gets a message of its own (the parser would
+      // only say that a command is missing).
+      for (const auto &a : args) {
+         if (a.empty() || a[0] == '-') continue;
+         auto known = app.get_subcommands([&a](CLI::App *sub) { return sub->get_name() == a; });
+         if (known.empty()) {
+            err_ << fmt::format("lusctl: unknown command '{}'\nRun with --help for more information.\n", a);
+            return 2;
+         }
+         break;
+      }
       std::vector<std::string> reversed(args.rbegin(), args.rend());
       try {
          app.parse(reversed);

@@ -70,6 +70,9 @@ bool SpecFires(ActiveSpec &a) {
    if (a.desc.nth != 0) {
       return a.seen == a.desc.nth;
    }
+   if (a.desc.from != 0) {
+      return a.seen >= a.desc.from && UnderLimit(a);
+   }
    if (a.desc.every) {
       return UnderLimit(a);
    }
@@ -125,7 +128,7 @@ bool FaultCheck(const char *op, hyk_Status *status) {
 }
 
 void InjectFault(const FaultSpec &desc) {
-   if (desc.nth == 0 && !desc.every && desc.probability <= 0.0) {
+   if (desc.nth == 0 && desc.from == 0 && !desc.every && desc.probability <= 0.0) {
       HostLog("fault desc for %s ignored: it names no call to fail", desc.op.c_str());
       return;
    }

@@ -407,6 +407,34 @@ hyk_Status Unload(const std::shared_ptr<Module> &m, bool force) {
 
 // ---- control API -----------------------------------------------------------------
 
+hyk_Status SetModuleParams(const std::string &name, const std::vector<std::string> &params,
+                           std::string *error) {
+   std::shared_ptr<Module> m;
+   {
+      std::lock_guard<std::mutex> lk(Reg().mu);
+      for (auto &[id, mod] : Reg().modules) {
+         if (mod->name == name && mod->state == State::kLoaded) m = mod;
+      }
+   }
+   auto fail = [&](hyk_Status s, const std::string &why) {
+      if (error != nullptr) *error = why;
+      return s;
+   };
+   if (m == nullptr) return fail(HYK_NOT_FOUND, "no module " + name + " is loaded");
+   if (m->handle == nullptr) return fail(HYK_NOT_SUPPORTED, name + " is an in-process module");
+   ModuleRecords recs;
+   std::string why;
+   if (!ReadModuleRecords(m->path, &recs, &why)) return fail(HYK_EXEC_FORMAT, why);
+   std::vector<ParamValue> values;
+   why = ParseParams(recs.params, params, &values);
+   if (why.empty()) why = ApplyParams(m->handle, values);
+   if (!why.empty()) return fail(HYK_BAD_PARAM, why);
+   std::string joined;
+   for (const auto &p : params) joined += (joined.empty() ? "" : " ") + p;
+   HostLog("module %s: parameters set: %s", name.c_str(), joined.c_str());
+   return HYK_OK;
+}
+
 hyk_Status LoadModule(const std::string &path, const std::vector<std::string> &params,
                       hyk_ModuleID *id, std::string *error, const std::string &name) {
    std::lock_guard<std::recursive_mutex> loadLock(Reg().loadMu);

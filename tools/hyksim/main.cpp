@@ -1,175 +1,144 @@
-// main.cpp -- the host program: starts the simulated host, builds a small
-// topology, loads and unloads the live-upgrade module, and prints the host
-// log and a summary of the host's state.
-#include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
+// main.cpp -- the host program: runs scenarios on the simulated host, types
+// them interactively, or runs the demo.
+//
+//   hyksim run FILE... [--seed N] [--log-file F] [--report-dir D]
+//   hyksim shell [--seed N] [--log-file F]
+//   hyksim demo [--report-dir D]
+#include <editline/readline.h>
+#include <unistd.h>
 
-#include "hyksim/fabric.h"
-#include "hyksim/host.h"
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <cstring>
+#include <iostream>
+
+#include "scenario.h"
+
+#ifndef HYKSIM_MODULE_DIR
+#define HYKSIM_MODULE_DIR "modules"
+#endif
+#ifndef HYKSIM_SCENARIO_DIR
+#define HYKSIM_SCENARIO_DIR "scenarios"
+#endif
 
 namespace {
 
-#ifndef LUS_MODULE_PATH
-#define LUS_MODULE_PATH ""
-#endif
-
-struct DemoOptions {
-   std::string modulePath = LUS_MODULE_PATH;
-   std::vector<std::string> params;
+struct Common {
+   uint64_t seed = 7;
    std::string logFile;
-   int portsPerPortset = 4;
+   std::string reportDir = ".";
+   std::string moduleDir = HYKSIM_MODULE_DIR;
 };
 
-void PrintUsage(FILE *out) {
-   std::fprintf(out,
-                "usage: hyksim demo [options]\n"
-                "\n"
-                "Starts the simulated host, builds two portsets of vNIC ports, loads the\n"
-                "live-upgrade module, unloads it again and prints the host log and a summary\n"
-                "of what the host holds.\n"
-                "\n"
-                "options:\n"
-                "  --module PATH      module file to load (default: the built lus module)\n"
-                "  --param NAME=VALUE module parameter; may repeat\n"
-                "  --ports N          vNIC ports per portset (default 4)\n"
-                "  --log-file PATH    also write the host log to PATH\n"
-                "  -h, --help         this text\n");
+void StartHost(const Common &c) {
+   hyksim::HostOptions o;
+   o.logFile = c.logFile;
+   hyksim::HostStart(o);
 }
 
-// Returns 0 to run, 1 for a usage error, 2 when help was printed.
-int ParseArgs(int argc, char **argv, DemoOptions *opt) {
-   for (int i = 2; i < argc; i++) {
-      std::string a = argv[i];
-      auto value = [&](const char *what) -> const char * {
-         if (i + 1 >= argc) {
-            std::fprintf(stderr, "hyksim: %s needs a value\n", what);
-            return nullptr;
-         }
-         return argv[++i];
-      };
-      if (a == "-h" || a == "--help") {
-         PrintUsage(stdout);
-         return 2;
-      } else if (a == "--module") {
-         const char *v = value("--module");
-         if (!v) return 1;
-         opt->modulePath = v;
-      } else if (a == "--param") {
-         const char *v = value("--param");
-         if (!v) return 1;
-         opt->params.push_back(v);
-      } else if (a == "--log-file") {
-         const char *v = value("--log-file");
-         if (!v) return 1;
-         opt->logFile = v;
-      } else if (a == "--ports") {
-         const char *v = value("--ports");
-         if (!v) return 1;
-         opt->portsPerPortset = std::atoi(v);
-         if (opt->portsPerPortset < 0 || opt->portsPerPortset > 4096) {
-            std::fprintf(stderr, "hyksim: --ports must be between 0 and 4096\n");
-            return 1;
-         }
-      } else {
-         std::fprintf(stderr, "hyksim: unknown option '%s' (see hyksim demo --help)\n", a.c_str());
-         return 1;
-      }
-   }
-   return 0;
+hyksimtool::ScenarioOptions Options(const Common &c) {
+   hyksimtool::ScenarioOptions o;
+   o.moduleDir = c.moduleDir;
+   o.reportDir = c.reportDir;
+   o.seed = c.seed;
+   return o;
 }
 
-bool BuildTopology(const DemoOptions &opt) {
-   const char *portsets[] = {"vswitch0", "vswitch1"};
-   for (int p = 0; p < 2; p++) {
-      hyksim::PortsetSpec ps;
-      ps.name = portsets[p];
-      if (hyksim::AddPortset(ps) != HYK_OK) return false;
-      for (int i = 0; i < opt.portsPerPortset; i++) {
-         hyksim::PortSpec port;
-         char uuid[64];
-         std::snprintf(uuid, sizeof uuid, "564d%04x-0000-0000-0000-%012d", p, i / 2);
-         port.vmUUID = uuid;
-         port.vnicIndex = static_cast<uint32_t>(i % 2);
-         hyk_PortID id;
-         if (hyksim::AddPort(ps.name, port, &id) != HYK_OK) return false;
-      }
+// Each file on a fresh host; exit 0 only when every file passed.
+int Run(const Common &c, const std::vector<std::string> &files) {
+   int failed = 0;
+   for (const auto &file : files) {
+      StartHost(c);
+      std::cout << fmt::format("== {} (seed {})\n", file, c.seed);
+      hyksimtool::Interpreter interp(Options(c), std::cout);
+      const bool ok = interp.RunFile(file);
+      std::cout << fmt::format("== {}: {}\n", file, ok ? "passed" : "FAILED");
+      failed += ok ? 0 : 1;
+      hyksim::HostStop();
    }
-   return true;
+   if (files.size() > 1) std::cout << fmt::format("{} of {} scenarios passed\n", files.size() - failed, files.size());
+   return failed == 0 ? 0 : 1;
 }
 
-void PrintSummary() {
-   std::printf("\n== host state\n");
-   for (const auto &m : hyksim::Modules()) {
-      std::printf("module   %-24s id %u use count %u\n", m.name.c_str(), m.id, m.useCount);
-   }
-   for (const auto &h : hyksim::Heaps()) {
-      std::printf("heap     %-24s %llu bytes in %llu allocations (max %llu)\n", h.name.c_str(),
-                  (unsigned long long)h.bytesInUse, (unsigned long long)h.liveAllocations,
-                  (unsigned long long)h.maxSize);
-   }
-   for (const auto &ps : hyksim::Portsets()) {
-      size_t blocked = 0;
-      for (hyk_PortID id : ps.ports) {
-         auto port = hyksim::FindPort(id);
-         if (port && !port->passesTraffic) blocked++;
+// ---- the shell ---------------------------------------------------------------------------
+
+hyksimtool::Interpreter *gShell = nullptr;
+
+char *CompleteWord(const char *text, int state) {
+   static std::vector<std::string> matches;
+   static size_t next;
+   if (state == 0) {
+      matches.clear();
+      next = 0;
+      std::vector<std::string> words = hyksimtool::Interpreter::CommandNames();
+      for (const auto &n : gShell->Names()) words.push_back(n);
+      for (const auto &w : words) {
+         if (w.compare(0, std::strlen(text), text) == 0) matches.push_back(w);
       }
-      std::printf("portset  %-24s class %s, %zu ports, %zu blocked\n", ps.name.c_str(),
-                  ps.className.c_str(), ps.ports.size(), blocked);
    }
-   for (const auto &d : hyksim::CharDevs()) {
-      std::printf("device   %-24s owner %u, %u open\n", d.name.c_str(), d.owner, d.openFiles);
-   }
-   hyksim::HostCounts c = hyksim::Counts();
-   std::printf("objects  heaps %zu, log components %zu, timer queues %zu, lock domains %zu, "
-               "spinlocks %zu, worlds %zu\n",
-               c.heaps, c.logComponents, c.timerQueues, c.lockDomains, c.spinlocks, c.worlds);
+   return next < matches.size() ? strdup(matches[next++].c_str()) : nullptr;
 }
 
-int RunDemo(const DemoOptions &opt) {
-   hyksim::HostOptions hostOpt;
-   hostOpt.logFile = opt.logFile;
-   hyksim::HostStart(hostOpt);
-   if (!BuildTopology(opt)) {
-      std::fprintf(stderr, "hyksim: could not build the demo topology\n");
-      return 1;
-   }
-   int rc = 0;
-   if (opt.modulePath.empty()) {
-      std::printf("no module to load (built without the lus module; use --module PATH)\n");
-   } else {
-      hyk_ModuleID id;
-      std::string error;
-      hyk_Status s = hyksim::LoadModule(opt.modulePath, opt.params, &id, &error);
-      std::printf("load %s: %s%s%s\n", opt.modulePath.c_str(), hyk_StatusToString(s),
-                  error.empty() ? "" : " -- ", error.c_str());
-      if (s == HYK_OK) {
-         PrintSummary();
-         s = hyksim::UnloadModule(id);
-         std::printf("\nunload: %s\n", hyk_StatusToString(s));
+char **Complete(const char *text, int start, int end) {
+   rl_attempted_completion_over = 1;
+   return rl_completion_matches(text, CompleteWord);
+}
+
+int Shell(const Common &c) {
+   StartHost(c);
+   hyksimtool::Interpreter interp(Options(c), std::cout);
+   gShell = &interp;
+   rl_attempted_completion_function = Complete;
+   const std::string history = std::string(getenv("HOME") ? getenv("HOME") : ".") + "/.hyksim_history";
+   read_history(history.c_str());
+   std::cout << "hyksim shell: the scenario language on a fresh simulated host; 'help' lists the "
+                "commands, Tab completes, Ctrl-D leaves.\n";
+   int failures = 0;
+   for (;;) {
+      char *line = readline("hyksim> ");
+      if (line == nullptr) break;
+      std::string text = line;
+      free(line);
+      if (text == "quit" || text == "exit") break;
+      if (!text.empty()) add_history(text.c_str());
+      std::string why = interp.Execute(text);
+      if (!why.empty()) {
+         std::cout << "error: " << why << "\n";
+         failures++;
       }
-      rc = s == HYK_OK ? 0 : 1;
    }
-   std::printf("\n== host log\n%s", hyksim::LogText().c_str());
-   PrintSummary();
+   write_history(history.c_str());
+   std::cout << "\n";
+   gShell = nullptr;
    hyksim::HostStop();
-   return rc;
+   return failures == 0 ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-   if (argc < 2 || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "--help")) {
-      PrintUsage(argc < 2 ? stderr : stdout);
-      return argc < 2 ? 1 : 0;
-   }
-   if (std::strcmp(argv[1], "demo") != 0) {
-      std::fprintf(stderr, "hyksim: unknown command '%s' (see hyksim --help)\n", argv[1]);
-      return 1;
-   }
-   DemoOptions opt;
-   int r = ParseArgs(argc, argv, &opt);
-   if (r != 0) return r == 2 ? 0 : 1;
-   return RunDemo(opt);
+   CLI::App app{"hyksim -- the simulated host: rehearse, break and measure an upgrade"};
+   app.require_subcommand(1);
+   Common c;
+   auto common = [&c](CLI::App *s) {
+      s->add_option("--seed", c.seed, "seed of the client modules' state and of random faults")->capture_default_str();
+      s->add_option("--log-file", c.logFile, "also write the host log to FILE");
+      s->add_option("--module-dir", c.moduleDir, "where lus and the client modules are")->capture_default_str();
+   };
+   std::vector<std::string> files;
+   auto *run = app.add_subcommand("run", "run scenario files, each on a fresh host; exit 0 only when all pass");
+   run->add_option("FILE", files, "a .hyk scenario")->required()->check(CLI::ExistingFile);
+   run->add_option("--report-dir", c.reportDir, "where 'report json=... trace=... chart=...' writes")->capture_default_str();
+   common(run);
+   auto *shell = app.add_subcommand("shell", "type the scenario language at a prompt (line editing, history, Tab)");
+   common(shell);
+   auto *demo = app.add_subcommand("demo", "run the demo: a classic upgrade of about 200 ports (scenarios/demo-classic.hyk)");
+   demo->add_option("--report-dir", c.reportDir, "where the report, trace and chart go")->capture_default_str();
+   common(demo);
+   CLI11_PARSE(app, argc, argv);
+
+   if (*run) return Run(c, files);
+   if (*shell) return Shell(c);
+   return Run(c, {std::string(HYKSIM_SCENARIO_DIR) + "/demo-classic.hyk"});
 }

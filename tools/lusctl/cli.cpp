@@ -89,8 +89,8 @@ bool ResolveModules(Host &host, const std::vector<std::string> &specs, std::vect
 
 class Cli {
   public:
-   Cli(Environment &env, std::ostream &out, std::ostream &err, bool interactive)
-      : env_(env), out_(out), err_(err), interactive_(interactive) {}
+   Cli(Environment &env, std::ostream &out, std::ostream &err, bool interactive, Report *report)
+      : env_(env), out_(out), err_(err), interactive_(interactive), report_(report) {}
 
    int Run(const std::vector<std::string> &args, const std::string &footer) {
       CLI::App app{"lusctl -- drive a live upgrade of the host's datapath through the device \"lus\""};
@@ -271,6 +271,10 @@ class Cli {
       common(classic);
       classic->add_option("--max-outage", f_.maxOutageSec, "outage budget per port, seconds")->capture_default_str();
       classic->add_flag("--legacy", f_.legacy, "the legacy edition's clients");
+      classic->add_option("--takeover-threads", f_.takeoverThreads,
+                          "host threads on which the new datapath posts the restore events")
+         ->capture_default_str()
+         ->check(CLI::Range(1u, 64u));
       classic->callback([this] {
          f_.kind = FlowOptions::kClassic;
          Flow();
@@ -315,6 +319,7 @@ class Cli {
          return;
       }
       Report report = BuildReport(env_, f_, result);
+      if (report_ != nullptr) *report_ = report;
       if (g_.json) {
          out_ << ReportJson(report);
       } else if (!g_.quiet) {
@@ -335,6 +340,7 @@ class Cli {
    std::ostream &out_;
    std::ostream &err_;
    bool interactive_;
+   Report *report_;
    Globals g_;
    CommandArgs a_;
    FlowOptions f_;
@@ -344,8 +350,8 @@ class Cli {
 }  // namespace
 
 int RunCli(Environment &env, const std::vector<std::string> &args, std::ostream &out,
-           std::ostream &err, bool interactive, const std::string &footer) {
-   Cli cli(env, out, err, interactive);
+           std::ostream &err, bool interactive, const std::string &footer, Report *report) {
+   Cli cli(env, out, err, interactive, report);
    return cli.Run(args, footer);
 }
 

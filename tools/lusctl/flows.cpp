@@ -152,9 +152,16 @@ class FlowBuilder {
 
    Step LoadNewBuild() {
       return HostStep("load new build", [this](std::string *d) {
-         std::vector<std::string> loaded;
+         std::vector<std::string> loaded, already;
          for (const auto &m : old_) {
             std::string error;
+            // An operator may have loaded a new module already (with its own parameters).
+            bool present = false;
+            for (const auto &mod : host_.Modules()) present |= mod.name == Versioned(m, opts_.toBuild);
+            if (present) {
+               already.push_back(Versioned(m, opts_.toBuild));
+               continue;
+            }
             hyk_Status s = host_.LoadModule(Versioned(m, opts_.toBuild), Params(m), &error);
             if (s != HYK_OK) {
                *d = fmt::format("{}: {}", Versioned(m, opts_.toBuild), error);
@@ -163,6 +170,7 @@ class FlowBuilder {
             loaded.push_back(Versioned(m, opts_.toBuild));
          }
          *d = fmt::format("dual load: {}", fmt::join(loaded, ", "));
+         if (!already.empty()) *d += fmt::format("; already loaded: {}", fmt::join(already, ", "));
          return static_cast<hyk_Status>(HYK_OK);
       });
    }
@@ -202,7 +210,7 @@ class FlowBuilder {
    Step TakeOver() {
       return HostStep("new datapath takes over", [this](std::string *d) {
          for (const auto &name : opts_.portsets) {
-            hyk_Status s = host_.TakeOver(name, opts_.toBuild);
+            hyk_Status s = host_.TakeOver(name, opts_.toBuild, opts_.takeoverThreads);
             if (s != HYK_OK) {
                *d = "portset " + name;
                return s;

@@ -380,6 +380,17 @@ std::string ChartSvg(const Report &r) {
    }
    svg += fmt::format("<line x1=\"{:.1f}\" x2=\"{:.1f}\" y1=\"{:.1f}\" y2=\"{:.1f}\" stroke=\"black\"/>\n",
                       left, left + plotW, top + plotH, top + plotH);
+   std::vector<uint32_t> over;
+   for (const auto &p : ports) {
+      if (p.overBudget) over.push_back(p.port);
+   }
+   if (!over.empty()) {
+      std::string list = fmt::format("{}", fmt::join(over.begin(), over.begin() + std::min<size_t>(over.size(), 12), ", "));
+      if (over.size() > 12) list += ", ...";
+      svg += fmt::format("<text x=\"{:.1f}\" y=\"{:.1f}\" fill=\"#d62728\" text-anchor=\"end\">{} of {} "
+                         "ports over the budget: {}</text>\n",
+                         left + plotW, top + 14, over.size(), ports.size(), list);
+   }
    int loggedMax = -1;
    for (const auto &p : ports) loggedMax = std::max(loggedMax, p.moduleSec);
    if (loggedMax == 0) {

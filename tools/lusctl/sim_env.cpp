@@ -48,8 +48,8 @@ class SimHost : public Host {
    }
    std::vector<hyksim::PortsetView> Portsets() override { return hyksim::Portsets(); }
    std::vector<hyksim::PortView> Ports() override { return hyksim::Ports(); }
-   hyk_Status TakeOver(const std::string &portset, uint32_t build) override {
-      return hyksim::TakeOverPortset(portset, build, 2);
+   hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) override {
+      return hyksim::TakeOverPortset(portset, build, threads);
    }
    std::vector<hyksim::LogLine> Log() override { return hyksim::LogLines(); }
    std::vector<hyksim::LedgerClientView> Ledger() override { return hyksim::Ledger(); }

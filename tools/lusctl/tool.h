@@ -56,8 +56,8 @@ class Host {
    virtual std::vector<ModuleInfo> Modules() = 0;
    virtual std::vector<hyksim::PortsetView> Portsets() = 0;
    virtual std::vector<hyksim::PortView> Ports() = 0;
-   // "The new datapath of `build` takes the portset over."
-   virtual hyk_Status TakeOver(const std::string &portset, uint32_t build) = 0;
+   // "The new datapath of `build` takes the portset over", from `threads` host threads.
+   virtual hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) = 0;
    virtual std::vector<hyksim::LogLine> Log() = 0;
    virtual std::vector<hyksim::LedgerClientView> Ledger() = 0;
    virtual std::vector<hyksim::HeapView> Heaps() = 0;
@@ -101,6 +101,7 @@ struct FlowOptions {
    std::vector<std::string> clients;        // client names; empty: every loaded "<x>-<from>"
    bool dryRun = false;
    unsigned restoreRounds = 20;             // command 12 retries before giving up
+   unsigned takeoverThreads = 2;            // host threads posting the restore events
 };
 
 struct StepRecord {
@@ -180,7 +181,9 @@ std::string ChartSvg(const Report &r);
 // code: 0 success, 1 a command or step failed, 2 bad usage.  `interactive`:
 // progress as a live line (a terminal) rather than plain lines.
 // `footer` is added to the help (the host program's own options).
+// `report`, when given, receives the report of a flow the command ran.
 int RunCli(Environment &env, const std::vector<std::string> &args, std::ostream &out,
-           std::ostream &err, bool interactive = false, const std::string &footer = "");
+           std::ostream &err, bool interactive = false, const std::string &footer = "",
+           Report *report = nullptr);
 
 }  // namespace lusctl

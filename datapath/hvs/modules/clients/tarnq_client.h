@@ -75,6 +75,8 @@ TARNQ_PARAM uint32_t overrun = 0;
  * slow callback sleeps: on a slot lus calls under a spinlock the host stops. */
 TARNQ_PARAM int32_t slowSlot = -1;
 TARNQ_PARAM uint32_t slowMs = 0;
+/* Only on this port (0: any port). */
+TARNQ_PARAM uint32_t slowPort = 0;
 HYK_EXTERN_C_END
 
 HYK_MODULE_PARAM(seed, HYK_PARAM_UINT, "seed of the generated state");
@@ -86,6 +88,7 @@ HYK_MODULE_PARAM(reportSize, HYK_PARAM_INT, "size getSize reports (-1 the truth)
 HYK_MODULE_PARAM(overrun, HYK_PARAM_UINT, "getRuntimeState claims one byte too many");
 HYK_MODULE_PARAM(slowSlot, HYK_PARAM_INT, "callback slot that is slow (-1 none)");
 HYK_MODULE_PARAM(slowMs, HYK_PARAM_UINT, "how long the slow callback takes, ms");
+HYK_MODULE_PARAM(slowPort, HYK_PARAM_UINT, "port on which it is slow (0 any)");
 
 /* ---- small helpers (no C library) ------------------------------------------------------ */
 
@@ -290,7 +293,7 @@ static inline void tarnqFree(void *p)
 static inline hyk_Status tarnqMisbehave(uint32_t slot, uint32_t portID)
 {
    uint32_t n = __atomic_add_fetch(&tarnq.calls[slot], 1u, __ATOMIC_RELAXED);
-   if (slowSlot == (int32_t)slot && slowMs != 0) {
+   if (slowSlot == (int32_t)slot && slowMs != 0 && (slowPort == 0 || slowPort == portID)) {
       hyk_WorldSleep((uint64_t)slowMs * 1000u);
    }
    if (failSlot != (int32_t)slot) {

@@ -75,6 +75,13 @@ hyk_Status LoadInProcessModule(const InProcessModule &module, hyk_ModuleID *id);
 hyk_Status UnloadModule(const std::string &name);
 hyk_Status UnloadModule(hyk_ModuleID id);
 
+// Sets parameters of a loaded module file, as at load ("name=value"): for a
+// test or scenario that switches a module's behaviour while it is idle.
+// HYK_NOT_FOUND (not loaded), HYK_NOT_SUPPORTED (in-process module),
+// HYK_BAD_PARAM (unknown parameter or bad value; *error says which).
+hyk_Status SetModuleParams(const std::string &name, const std::vector<std::string> &params,
+                           std::string *error = nullptr);
+
 std::vector<ModuleInfoView> Modules();
 std::optional<ModuleInfoView> FindModule(const std::string &name);
 
@@ -92,6 +99,7 @@ struct FaultSpec {
    std::string op;               // a hyk_ operation name, e.g. "hyk_HeapCreate"
    hyk_Status status = HYK_FAILURE;
    uint64_t nth = 0;             // fail only the nth call (1-based) counted from injection; 0 = see below
+   uint64_t from = 0;            // fail every call from the from-th on (1-based); 0 = see below
    bool every = false;           // fail every call
    double probability = 0.0;     // fail with this probability ...
    uint64_t seed = 1;            // ... drawn from this seed

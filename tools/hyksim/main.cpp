@@ -4,14 +4,22 @@
 //   hyksim run FILE... [--seed N] [--log-file F] [--report-dir D]
 //   hyksim shell [--seed N] [--log-file F]
 //   hyksim demo [--report-dir D]
+//   hyksim serve --socket PATH [FILE]
 #include <editline/readline.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <atomic>
 #include <cstring>
 #include <iostream>
+#include <mutex>
+#include <sstream>
+#include <thread>
 
 #include "scenario.h"
 
@@ -115,6 +123,94 @@ int Shell(const Common &c) {
    return failures == 0 ? 0 : 1;
 }
 
+// ---- the host as a server -----------------------------------------------------------------
+
+// The host of this process, served on a Unix socket to tools of other
+// processes: the scenario language for host-side actions, and the device.
+// Connections are served at once, but requests one at a time: a request
+// waits for the one before it to finish.  A connection that goes away (even
+// in the middle of a request) loses only its own device, which is closed.
+int Serve(const Common &c, const std::string &socketPath, const std::string &topology) {
+   signal(SIGPIPE, SIG_IGN);
+   StartHost(c);
+   std::ostringstream scenarioOut;
+   hyksimtool::Interpreter interp(Options(c), scenarioOut);
+   if (!topology.empty() && !interp.RunFile(topology)) {
+      std::cerr << scenarioOut.str();
+      hyksim::HostStop();
+      return 1;
+   }
+   auto host = lusctl::MakeSimHost(c.moduleDir);
+   std::mutex one;   // one request at a time
+
+   int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
+   sockaddr_un addr{};
+   addr.sun_family = AF_UNIX;
+   if (lfd < 0 || socketPath.size() >= sizeof(addr.sun_path)) {
+      std::cerr << "hyksim serve: bad socket path " << socketPath << "\n";
+      return 2;
+   }
+   std::strcpy(addr.sun_path, socketPath.c_str());
+   unlink(socketPath.c_str());
+   if (bind(lfd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(lfd, 8) != 0) {
+      std::cerr << "hyksim serve: cannot listen on " << socketPath << ": " << std::strerror(errno) << "\n";
+      return 1;
+   }
+   std::cout << fmt::format("hyksim serve: host ready on {} (seed {})", socketPath, c.seed) << std::endl;
+
+   std::atomic<bool> stop{false};
+   std::vector<std::thread> sessions;
+   while (!stop) {
+      int fd = accept(lfd, nullptr, nullptr);
+      if (fd < 0) break;
+      sessions.emplace_back([&, fd] {
+         lusctl::ServerSession session;
+         session.host = host.get();
+         session.scenario = [&](const std::string &line, std::string *output) {
+            std::string why = interp.Execute(line);
+            *output = scenarioOut.str();
+            scenarioOut.str("");
+            return why;
+         };
+         std::string buffered;
+         char buf[65536];
+         for (;;) {
+            auto nl = buffered.find('\n');
+            if (nl == std::string::npos) {
+               ssize_t n = recv(fd, buf, sizeof buf, 0);
+               if (n <= 0) break;
+               buffered.append(buf, static_cast<size_t>(n));
+               continue;
+            }
+            std::string line = buffered.substr(0, nl);
+            buffered.erase(0, nl + 1);
+            bool shutdownNow = false;
+            std::string answer;
+            {
+               std::lock_guard<std::mutex> lk(one);
+               answer = lusctl::HandleRequest(session, line, &shutdownNow) + "\n";
+            }
+            send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+            if (shutdownNow) {
+               stop = true;
+               shutdown(lfd, SHUT_RDWR);
+               break;
+            }
+         }
+         std::lock_guard<std::mutex> lk(one);
+         if (session.device) session.device->Close();
+         session.device.reset();
+         close(fd);
+      });
+   }
+   for (auto &t : sessions) t.join();
+   close(lfd);
+   unlink(socketPath.c_str());
+   hyksim::HostStop();
+   std::cout << "hyksim serve: stopped" << std::endl;
+   return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -136,9 +232,16 @@ int main(int argc, char **argv) {
    auto *demo = app.add_subcommand("demo", "run the demo: a classic upgrade of about 200 ports (scenarios/demo-classic.hyk)");
    demo->add_option("--report-dir", c.reportDir, "where the report, trace and chart go")->capture_default_str();
    common(demo);
+   std::string socketPath, topology;
+   auto *serve = app.add_subcommand("serve", "serve the host on a Unix socket to tools of other processes "
+                                             "(lusctl --host PATH)");
+   serve->add_option("--socket", socketPath, "the socket's path")->required();
+   serve->add_option("FILE", topology, "a scenario that builds the host first")->check(CLI::ExistingFile);
+   common(serve);
    CLI11_PARSE(app, argc, argv);
 
    if (*run) return Run(c, files);
    if (*shell) return Shell(c);
+   if (*serve) return Serve(c, socketPath, topology);
    return Run(c, {std::string(HYKSIM_SCENARIO_DIR) + "/demo-classic.hyk"});
 }

@@ -217,7 +217,7 @@ class FlowBuilder {
             }
             if (opts_.legacy) {
                // The legacy edition's records also wait for each port to come up.
-               for (const auto &p : UpgradedPorts(host_, {name})) hyksim::EnablePort(p.id);
+               for (const auto &p : UpgradedPorts(host_, {name})) host_.EnablePort(p.id);
             }
          }
          *d = fmt::format("build {} carries {}", opts_.toBuild, fmt::join(opts_.portsets, ", "));
@@ -226,9 +226,9 @@ class FlowBuilder {
    }
 
    Step PortUp(uint32_t port) {
-      return HostStep(fmt::format("port {} up", port), [port](std::string *d) {
+      return HostStep(fmt::format("port {} up", port), [this, port](std::string *d) {
          *d = "the new filter pulls its state";
-         return hyksim::EnablePort(port);
+         return host_.EnablePort(port);
       });
    }
 

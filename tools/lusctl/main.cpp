@@ -19,7 +19,10 @@
 
 namespace {
 
-const char *kSimHelp = R"(Simulated host (given before or after the command):
+const char *kSimHelp = R"(Host:
+  --host PATH           the host served by `hyksim serve --socket PATH` (another process);
+                        without it, lusctl runs a simulated host of its own:
+Simulated host (given before or after the command):
   --sim-portset NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]]
                         a portset of VNICS vNIC ports (two per VM) and CONTAINERS
                         container ports, class CLASS (default etherswitch)
@@ -42,6 +45,7 @@ struct SimOptions {
    std::vector<std::string> portsets, clients;
    uint32_t build = 1000, seed = 7;
    bool lus = false, virtualClock = false;
+   std::string hostSocket;
    std::string moduleDir = LUSCTL_MODULE_DIR;
 };
 
@@ -86,6 +90,8 @@ bool TakeSimOptions(std::vector<std::string> &args, SimOptions &sim, std::string
          sim.lus = true;
       } else if (a == "--sim-virtual-clock") {
          sim.virtualClock = true;
+      } else if (a == "--host") {
+         if (!value(&sim.hostSocket)) return false;
       } else if (a == "--module-dir") {
          if (!value(&sim.moduleDir)) return false;
       } else if (a.rfind("--sim-", 0) == 0) {
@@ -163,6 +169,15 @@ int main(int argc, char **argv) {
    if (!TakeSimOptions(args, sim, error)) {
       std::cerr << "lusctl: " << error << "\n" << kSimHelp << "\n";
       return 2;
+   }
+   if (!sim.hostSocket.empty()) {
+      auto remote = lusctl::MakeRemote(sim.hostSocket, &error);
+      if (!remote) {
+         std::cerr << "lusctl: " << error << "\n";
+         return 1;
+      }
+      lusctl::Environment env{remote->host.get(), remote->openDevice};
+      return lusctl::RunCli(env, args, std::cout, std::cerr, isatty(STDOUT_FILENO) != 0, kSimHelp);
    }
    hyksim::HostOptions options;
    options.virtualClock = sim.virtualClock;

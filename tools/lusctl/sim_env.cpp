@@ -51,6 +51,7 @@ class SimHost : public Host {
    hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) override {
       return hyksim::TakeOverPortset(portset, build, threads);
    }
+   hyk_Status EnablePort(uint32_t port) override { return hyksim::EnablePort(port); }
    std::vector<hyksim::LogLine> Log() override { return hyksim::LogLines(); }
    std::vector<hyksim::LedgerClientView> Ledger() override { return hyksim::Ledger(); }
    std::vector<hyksim::HeapView> Heaps() override { return hyksim::Heaps(); }

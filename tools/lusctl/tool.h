@@ -58,6 +58,8 @@ class Host {
    virtual std::vector<hyksim::PortView> Ports() = 0;
    // "The new datapath of `build` takes the portset over", from `threads` host threads.
    virtual hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) = 0;
+   // The port comes up (the host raises its enable event).
+   virtual hyk_Status EnablePort(uint32_t port) = 0;
    virtual std::vector<hyksim::LogLine> Log() = 0;
    virtual std::vector<hyksim::LedgerClientView> Ledger() = 0;
    virtual std::vector<hyksim::HeapView> Heaps() = 0;
@@ -75,6 +77,27 @@ struct Environment {
 // and the client modules (clients/<name>-<build>.so).
 std::unique_ptr<Host> MakeSimHost(const std::string &moduleDir);
 std::unique_ptr<Device> MakeSimDevice();
+
+// A host served by `hyksim serve` on a Unix socket: one connection carries
+// both the host's services and the device (one request, one answer, each a
+// line of JSON).  MakeRemote returns null with *error when it cannot connect.
+struct RemoteConnection;
+struct Remote {
+   std::unique_ptr<Host> host;
+   std::function<std::unique_ptr<Device>()> openDevice;
+   std::shared_ptr<RemoteConnection> connection;
+};
+std::optional<Remote> MakeRemote(const std::string &socketPath, std::string *error);
+
+// The server side: answers one request line on behalf of the host of this
+// process; `scenario` runs a line of the scenario language ("" or why not),
+// `device` is the connection's own device.
+struct ServerSession {
+   std::function<std::string(const std::string &line, std::string *output)> scenario;
+   std::unique_ptr<Device> device;
+   Host *host = nullptr;
+};
+std::string HandleRequest(ServerSession &session, const std::string &line, bool *shutdown);
 
 // ---- commands -------------------------------------------------------------------
 

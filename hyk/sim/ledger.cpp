@@ -68,30 +68,40 @@ const char *LedgerKindName(uint32_t kind) {
 
 }  // namespace hyksim
 
+namespace hyksim {
+namespace {
+
+// Adds `bytes` of `kind` to a client's figures for one port (or scope),
+// counting the port once per kind.  `pick` chooses the slot and the totals.
+template <typename Pick>
+void Note(const char *client, uint32_t kind, uint64_t bytes, Pick pick) {
+   if (kind >= HYKSIM_LEDGER_NUM_KINDS) return;
+   std::string name = Bounded(client, 32);
+   std::lock_guard<std::mutex> lk(L().mu);
+   auto &view = L().clients[name];
+   view.client = name;
+   auto [slot, total] = pick(view);
+   if ((*slot)[kind] == 0) (*total)[kind].ports++;
+   (*slot)[kind] += bytes;
+   (*total)[kind].bytes += bytes;
+}
+
+}  // namespace
+}  // namespace hyksim
+
 extern "C" void hyksim_LedgerPort(const char *client, uint32_t build, uint32_t kind,
                                   uint32_t portID, uint64_t bytes) {
-   (void)build;
-   if (kind >= HYKSIM_LEDGER_NUM_KINDS) return;
-   std::string name = hyksim::Bounded(client, 32);
-   std::lock_guard<std::mutex> lk(hyksim::L().mu);
-   auto &view = hyksim::L().clients[name];
-   view.client = name;
-   auto &slot = view.ports[portID];
-   if (slot[kind] == 0) view.perPort[kind].ports++;
-   slot[kind] += bytes;
-   view.perPort[kind].bytes += bytes;
+   (void)build;   // both builds of a client count into one view
+   hyksim::Note(client, kind, bytes, [portID](hyksim::LedgerClientView &v) {
+      return std::make_pair(&v.ports[portID], &v.perPort);
+   });
 }
 
 extern "C" void hyksim_LedgerShared(const char *client, uint32_t build, uint32_t kind,
                                     const char *scope, uint64_t bytes) {
    (void)build;
-   if (kind >= HYKSIM_LEDGER_NUM_KINDS) return;
-   std::string name = hyksim::Bounded(client, 32);
-   std::lock_guard<std::mutex> lk(hyksim::L().mu);
-   auto &view = hyksim::L().clients[name];
-   view.client = name;
-   auto &slot = view.scopes[hyksim::Bounded(scope, 128)];
-   if (slot[kind] == 0) view.shared[kind].ports++;
-   slot[kind] += bytes;
-   view.shared[kind].bytes += bytes;
+   std::string key = hyksim::Bounded(scope, 128);
+   hyksim::Note(client, kind, bytes, [&key](hyksim::LedgerClientView &v) {
+      return std::make_pair(&v.scopes[key], &v.shared);
+   });
 }

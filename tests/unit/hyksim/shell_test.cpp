@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -50,9 +51,11 @@ class Pty {
       int status = 0;
       for (int i = 0; i < 1000; i++) {
          if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            // Killed by a signal: -100 - the signal, so a failure says which.
+            return WIFEXITED(status) ? WEXITSTATUS(status) : -100 - WTERMSIG(status);
          }
-         ReadUntil("\x01", 10);   // keep draining what it prints
+         ReadUntil("\x01", 10);   // keep draining what it prints (returns at once once it closed)
+         std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
       kill(pid_, SIGKILL);
       waitpid(pid_, &status, 0);

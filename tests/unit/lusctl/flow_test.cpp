@@ -207,7 +207,9 @@ struct PortsetFault {
 TEST_F(LusctlFlowTest, PortsetFlowFailsAtEachStepWithTheStepNamed) {
    const std::vector<PortsetFault> faults = {
       {"load lus", "hyk_HeapCreate"},
+      {"open device", "unload lus"},
       {"register", "hyk_NetEventPost"},
+      {"pre-dual-load", "client pre-dual-load"},
       {"load new build", "hyk_HeapCreate"},
       {"global-config", "client"},
       {"ps-upgrade ps0", "hyk_WorldCreate"},
@@ -220,8 +222,10 @@ TEST_F(LusctlFlowTest, PortsetFlowFailsAtEachStepWithTheStepNamed) {
       hyksim::HostStart();
       host_ = lusctl::MakeSimHost(LUS_MODULES_DIR);
       env_.host = host_.get();
-      OldHost({{"ps0", 4}}, f.fault == "client" ? std::vector<std::string>{"failSlot=6"} : std::vector<std::string>{},
-              0, true);
+      std::vector<std::string> params;
+      if (f.fault == "client") params = {"failSlot=6"};               // global configuration save
+      if (f.fault == "client pre-dual-load") params = {"failSlot=5"};  // the pre-dual-load notice
+      OldHost({{"ps0", 4}}, params, 0, true);
       lusctl::FlowOptions opts = Classic();
       opts.kind = lusctl::FlowOptions::kPortset;
       opts.portsets = {"ps0"};
@@ -236,7 +240,9 @@ TEST_F(LusctlFlowTest, PortsetFlowFailsAtEachStepWithTheStepNamed) {
             holderClient = std::make_unique<lusctl::Client>(*holder);
          } else if (f.fault == "pin") {
             hyk_ModuleIncUseCount(hyksim::FindModule("tarnq-dfw-1000")->id);
-         } else if (f.fault != "client") {
+         } else if (f.fault == "unload lus") {
+            hyksim::UnloadModule("lus");
+         } else if (f.fault.rfind("client", 0) != 0) {
             Fail(f.fault)();
          }
       });

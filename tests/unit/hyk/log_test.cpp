@@ -200,26 +200,19 @@ TEST_F(LogTest, LinesFromManyThreadsAllArriveInOrderPerThread) {
    }
 }
 
-TEST_F(LogTest, CallerCostIsSmall) {
+// How much a log call costs its caller is measured in bench/log_bench.cpp,
+// not asserted here: machines are shared and noisy.  What a test can hold
+// fixed is that a burst of lines arrives whole.
+TEST_F(LogTest, ABurstOfLinesArrivesWhole) {
    hyk_LogHandle h = Register("fast", 3);
    constexpr int kCalls = 20000;
-   auto start = std::chrono::steady_clock::now();
    for (int i = 0; i < kCalls; i++) {
       hyk_LogLevel(1, h, 3, "%s:%d:[tag subcomp=\"lus%s\"] Port %d (0x%x) not found\n", "lusFn", i,
                    "", i, i);
    }
-   auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() -
-                                                                  start)
-                .count();
-   double perCall = double(ns) / kCalls;
-   RecordProperty("ns_per_call", std::to_string(perCall));
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-   constexpr double kBudgetNs = 20000;  // sanitizers slow every memory access
-#else
-   constexpr double kBudgetNs = 3000;   // generous for a loaded machine; typical is a few hundred
-#endif
-   EXPECT_LT(perCall, kBudgetNs);
-   EXPECT_EQ(LinesOf("fast").size(), size_t(kCalls));
+   auto lines = LinesOf("fast");
+   ASSERT_EQ(lines.size(), size_t(kCalls));
+   EXPECT_EQ(lines.back().text, "lusFn:19999:[tag subcomp=\"lus\"] Port 19999 (0x4e1f) not found");
 }
 
 TEST_F(LogTest, LogClearEmptiesTheLog) {

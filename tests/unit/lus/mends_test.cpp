@@ -102,5 +102,24 @@ TEST_F(MendsTest, UnloadReleasesClientsWhoseUnregistrationCouldNotBePosted) {
    EXPECT_EQ(c->Unload(), HYK_OK);
 }
 
+// lusDeleteEntry removes one version 0 record under the map lock and lets go
+// of the lock: the next lookup (which takes it again) still works.
+TEST_F(MendsTest, DeletingOneVersionZeroRecordLeavesTheOthersAndTheLockFree) {
+   LoadNew(3);
+   Pair("fw");
+   MakePortset("ps0", 2);
+   EnrolV0({"ps0"});
+   LusInstance *gone = FindV0("vm-0", 0, "fw");
+   ASSERT_NE(gone, nullptr);
+   const uint32_t before = Var<uint32_t>("numLUSInstances");
+   using DeleteFn = void(LusHashMap *, LusInstance *);
+   AsLus([&] { LusFn<DeleteFn>("lusDeleteEntry")(Var<LusHashMap *>("lusHashMap"), gone); });
+   EXPECT_EQ(FindV0("vm-0", 0, "fw"), nullptr);
+   EXPECT_NE(FindV0("vm-1", 0, "fw"), nullptr);
+   EXPECT_EQ(Var<uint32_t>("numLUSInstances"), before - 1);
+   EXPECT_EQ(Var<LusHashMap *>("lusHashMap")->count, 1u);
+   EXPECT_EQ(CountModuleLines(PlainLineRe("lusDeleteEntry", "numLUSInstances " + std::to_string(before - 1)), 3), 1u);
+}
+
 }  // namespace
 }  // namespace lustest

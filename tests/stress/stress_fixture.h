@@ -97,9 +97,7 @@ class StressTest : public WorldTest {
    }
 
    static std::vector<lusctl::PortsetArg> Names(const std::vector<std::string> &names) {
-      std::vector<lusctl::PortsetArg> out;
-      for (const auto &n : names) out.push_back({n, 0, 0});
-      return out;
+      return lusctl::PortsetArgs(names);
    }
 
    // Restore events from `threads` host threads: for each port of a thread's

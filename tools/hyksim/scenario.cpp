@@ -146,13 +146,7 @@ struct Interpreter::Impl {
    // ---- names ----------------------------------------------------------------------------
    const std::vector<hyk_PortID> &Portset(const std::string &name) {
       auto it = ports.find(name);
-      if (it == ports.end()) {
-         if (hyksim::FindPortset(name)) {
-            static std::vector<hyk_PortID> none;
-            return none;
-         }
-         throw Fail{fmt::format("unknown portset '{}'", name)};
-      }
+      if (it == ports.end()) throw Fail{fmt::format("unknown portset '{}'", name)};
       return it->second;
    }
 
@@ -285,10 +279,8 @@ struct Interpreter::Impl {
       Need(a, 1, "ioctl CMD [hex=BYTES] [length=N]");
       const uint32_t cmd = static_cast<uint32_t>(Number("the command", a.pos[0]));
       std::vector<uint8_t> payload;
-      const std::string hex = a.Get("hex");
-      if (hex.size() % 2 != 0) throw Fail{"hex=: an even number of hexadecimal digits is needed"};
-      for (size_t i = 0; i < hex.size(); i += 2) {
-         payload.push_back(static_cast<uint8_t>(Number("hex=", "0x" + hex.substr(i, 2))));
+      if (!lusctl::BytesOfHex(a.Get("hex"), &payload)) {
+         throw Fail{"hex=: an even number of hexadecimal digits is needed"};
       }
       const uint32_t length = a.Has("length") ? static_cast<uint32_t>(Number("length", a.Get("length")))
                                               : static_cast<uint32_t>(payload.size());

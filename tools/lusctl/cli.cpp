@@ -36,24 +36,6 @@ struct CommandArgs {
    int64_t length = -1;
 };
 
-std::vector<PortsetArg> Portsets(const std::vector<std::string> &names) {
-   std::vector<PortsetArg> out;
-   for (const auto &n : names) out.push_back({n, 0, 0});
-   return out;
-}
-
-bool ParseHex(const std::string &hex, std::vector<uint8_t> *out) {
-   if (hex.size() % 2 != 0) return false;
-   for (size_t i = 0; i < hex.size(); i += 2) {
-      unsigned v = 0;
-      if (std::sscanf(hex.c_str() + i, "%2x", &v) != 1 || !std::isxdigit(hex[i]) || !std::isxdigit(hex[i + 1])) {
-         return false;
-      }
-      out->push_back(static_cast<uint8_t>(v));
-   }
-   return true;
-}
-
 bool WriteFile(const std::string &path, const std::string &text, std::ostream &err) {
    std::ofstream f(path);
    if (!(f << text)) {
@@ -64,22 +46,22 @@ bool WriteFile(const std::string &path, const std::string &text, std::ostream &e
 }
 
 // Resolves "from:NAME" / "to:NAME" (a loaded module's name or numeric ID) for command 9.
-bool ResolveModules(Host &host, const std::vector<std::string> &specs, std::vector<ModuleArg> *out,
+bool ResolveModules(Host &host, const std::vector<std::string> &choices, std::vector<ModuleArg> *out,
                     std::ostream &err) {
-   for (const auto &spec : specs) {
-      const bool from = spec.rfind("from:", 0) == 0;
-      const bool to = spec.rfind("to:", 0) == 0;
+   for (const auto &choice : choices) {
+      const bool from = choice.rfind("from:", 0) == 0;
+      const bool to = choice.rfind("to:", 0) == 0;
       if (!from && !to) {
-         err << fmt::format("lusctl: --module {}: expected from:NAME or to:NAME\n", spec);
+         err << fmt::format("lusctl: --module {}: expected from:NAME or to:NAME\n", choice);
          return false;
       }
-      const std::string name = spec.substr(from ? 5 : 3);
+      const std::string name = choice.substr(from ? 5 : 3);
       std::optional<hyk_ModuleID> id;
       for (const auto &m : host.Modules()) {
          if (m.name == name || std::to_string(m.id) == name) id = m.id;
       }
       if (!id) {
-         err << fmt::format("lusctl: --module {}: no such module is loaded\n", spec);
+         err << fmt::format("lusctl: --module {}: no such module is loaded\n", choice);
          return false;
       }
       out->push_back({from, *id});
@@ -144,23 +126,23 @@ class Cli {
       portsetOpts(reg, false);
       reg->callback([this] {
          const std::map<std::string, uint32_t> types = {{"from", 0}, {"to", 1}, {"from-v1", 2}, {"to-v1", 3}};
-         Issue(types.at(a_.type), PortsetQuery(Portsets(a_.portsets), a_.legacy, 0));
+         Issue(types.at(a_.type), PortsetQuery(PortsetArgs(a_.portsets), a_.legacy, 0));
       });
 
       auto *block = app.add_subcommand("block", "command 6: start the outage clock, block the ports");
       portsetOpts(block, true);
       block->add_option("--max-outage", a_.maxOutage, "outage budget per port, seconds")->capture_default_str();
       block->callback([this] {
-         Issue(LUS_IOCTL_BLOCK_PORTS, PortsetQuery(Portsets(a_.portsets), false, a_.maxOutage));
+         Issue(LUS_IOCTL_BLOCK_PORTS, PortsetQuery(PortsetArgs(a_.portsets), false, a_.maxOutage));
       });
 
       auto *save = app.add_subcommand("save", "command 4: old build registers, size and save, clear timer");
       portsetOpts(save, true);
-      save->callback([this] { Issue(LUS_IOCTL_PRE_UNLOAD, PortsetQuery(Portsets(a_.portsets), a_.legacy, 0)); });
+      save->callback([this] { Issue(LUS_IOCTL_PRE_UNLOAD, PortsetQuery(PortsetArgs(a_.portsets), a_.legacy, 0)); });
 
       auto *restore = app.add_subcommand("restore", "command 5: edition migration restore of the portsets");
       portsetOpts(restore, true);
-      restore->callback([this] { Issue(LUS_IOCTL_RESTORE, PortsetQuery(Portsets(a_.portsets), a_.legacy, 0)); });
+      restore->callback([this] { Issue(LUS_IOCTL_RESTORE, PortsetQuery(PortsetArgs(a_.portsets), a_.legacy, 0)); });
 
       app.add_subcommand("pre-dual-load", "command 7: old clients clean up before the dual load")
          ->callback([this] { Issue(LUS_IOCTL_PRE_DUAL_LOAD, {}); });
@@ -206,7 +188,7 @@ class Cli {
 
       auto *cs = app.add_subcommand("cswitch-events", "command 14: raise the cswitch hand-over events");
       cs->add_option("--portset", a_.portsets, "a portset (repeatable)")->required();
-      cs->callback([this] { Issue(LUS_IOCTL_CSWITCH_EVENTS, PortsetQuery(Portsets(a_.portsets), false, 0)); });
+      cs->callback([this] { Issue(LUS_IOCTL_CSWITCH_EVENTS, PortsetQuery(PortsetArgs(a_.portsets), false, 0)); });
 
       auto *raw = app.add_subcommand("raw", "any command with a payload of your own (protocol work)");
       raw->add_option("CMD", a_.raw, "command number")->required()->check(CLI::Range(0u, 0xffffffffu));
@@ -215,7 +197,7 @@ class Cli {
          ->check(CLI::Range(int64_t{0}, int64_t{0xffffffff}));
       raw->callback([this] {
          std::vector<uint8_t> payload;
-         if (!ParseHex(a_.payloadHex, &payload)) {
+         if (!BytesOfHex(a_.payloadHex, &payload)) {
             err_ << "lusctl: raw: --payload-hex: an even number of hexadecimal digits is needed\n";
             exit_ = 2;
             return;

@@ -1,5 +1,6 @@
-// flows.cpp -- the two upgrade flows, each the sequence of steps the design
-// gives, the host's module loads and unloads among them.  A flow stops at
+// flows.cpp -- the two upgrade flows, each the sequence of steps an operator
+// runs (docs/ARCHITECTURE.md lists them), the host's module loads and
+// unloads among them.  A flow stops at
 // its first failing step.
 #include <fmt/format.h>
 
@@ -17,12 +18,6 @@ struct Step {
    std::vector<uint8_t> payload;
    std::function<hyk_Status(std::string *detail)> run;
 };
-
-std::string Hex(const std::vector<uint8_t> &bytes) {
-   std::string out;
-   for (uint8_t b : bytes) out += fmt::format("{:02x}", b);
-   return out;
-}
 
 bool EndsWith(const std::string &s, const std::string &suffix) {
    return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
@@ -65,8 +60,7 @@ class FlowBuilder {
 
    std::vector<Step> Classic() {
       std::vector<Step> steps;
-      std::vector<PortsetArg> ps;
-      for (const auto &n : opts_.portsets) ps.push_back({n, 0, 0});
+      const std::vector<PortsetArg> ps = PortsetArgs(opts_.portsets);
       steps.push_back(LoadLus());
       steps.push_back(LoadNewBuild());
       steps.push_back(OpenDevice());
@@ -162,7 +156,8 @@ class FlowBuilder {
                already.push_back(Versioned(m, opts_.toBuild));
                continue;
             }
-            hyk_Status s = host_.LoadModule(Versioned(m, opts_.toBuild), Params(m), &error);
+            // The new build takes the parameters the old one runs with (its seed among them).
+            hyk_Status s = host_.LoadModule(Versioned(m, opts_.toBuild), opts_.moduleParams, &error);
             if (s != HYK_OK) {
                *d = fmt::format("{}: {}", Versioned(m, opts_.toBuild), error);
                return s;
@@ -174,9 +169,6 @@ class FlowBuilder {
          return static_cast<hyk_Status>(HYK_OK);
       });
    }
-
-   // The new build takes the parameters the old one runs with (its seed among them).
-   std::vector<std::string> Params(const std::string &) { return opts_.moduleParams; }
 
    Step UnloadOldBuild() {
       return HostStep("unload old build", [this](std::string *d) {
@@ -313,7 +305,7 @@ FlowResult RunFlow(Environment &env, const FlowOptions &opts, const Progress &pr
       rec.number = steps[i].number;
       if (rec.number != UINT32_MAX) rec.command = CommandLabel(rec.number);
       if (opts.dryRun) {
-         rec.detail = rec.number != UINT32_MAX ? "payload " + (steps[i].payload.empty() ? std::string("(none)") : Hex(steps[i].payload)) : "host action";
+         rec.detail = rec.number != UINT32_MAX ? "payload " + (steps[i].payload.empty() ? std::string("(none)") : HexOf(steps[i].payload)) : "host action";
          result.steps.push_back(rec);
          if (progress) progress(rec, total, true);
          continue;

@@ -15,6 +15,40 @@ void CopyName(char *dst, const std::string &name) {
 
 }  // namespace
 
+std::vector<PortsetArg> PortsetArgs(const std::vector<std::string> &names) {
+   std::vector<PortsetArg> out;
+   for (const auto &n : names) out.push_back({n, 0, 0});
+   return out;
+}
+
+std::string HexOf(const std::vector<uint8_t> &bytes) {
+   static const char digits[] = "0123456789abcdef";
+   std::string out;
+   for (uint8_t b : bytes) {
+      out += digits[b >> 4];
+      out += digits[b & 0xf];
+   }
+   return out;
+}
+
+bool BytesOfHex(const std::string &hex, std::vector<uint8_t> *out) {
+   auto nibble = [](char c) -> int {
+      if (c >= '0' && c <= '9') return c - '0';
+      if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+      if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+      return -1;
+   };
+   if (hex.size() % 2 != 0) return false;
+   std::vector<uint8_t> bytes;
+   for (size_t i = 0; i < hex.size(); i += 2) {
+      int hi = nibble(hex[i]), lo = nibble(hex[i + 1]);
+      if (hi < 0 || lo < 0) return false;
+      bytes.push_back(static_cast<uint8_t>(hi << 4 | lo));
+   }
+   *out = std::move(bytes);
+   return true;
+}
+
 std::vector<uint8_t> PortsetQuery(const std::vector<PortsetArg> &portsets, bool legacy,
                                   uint32_t maxOutageSec) {
    std::vector<uint8_t> buf(LUS_PORTSET_QUERY_SIZE(portsets.size()));

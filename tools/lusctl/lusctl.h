@@ -88,6 +88,13 @@ class Client {
    hyk_UserVA lastPayload_ = 0;
 };
 
+// The portset list of a command, by names only.
+std::vector<PortsetArg> PortsetArgs(const std::vector<std::string> &names);
+
+// Bytes as hexadecimal digits, and back (false: an odd count or a non-digit).
+std::string HexOf(const std::vector<uint8_t> &bytes);
+bool BytesOfHex(const std::string &hex, std::vector<uint8_t> *out);
+
 // Payload builders (plain bytes, exactly as laid out on the wire).
 std::vector<uint8_t> PortsetQuery(const std::vector<PortsetArg> &portsets, bool legacy,
                                   uint32_t maxOutageSec);

@@ -116,10 +116,10 @@ bool BuildHost(const SimOptions &sim, lusctl::Host &host, std::string &error) {
          return false;
       }
    }
-   for (const auto &spec : sim.portsets) {
-      auto f = Split(spec, ':');
+   for (const auto &layout : sim.portsets) {
+      auto f = Split(layout, ':');
       if (f.size() < 2 || f[0].empty()) {
-         error = "--sim-portset " + spec + ": expected NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]]";
+         error = "--sim-portset " + layout + ": expected NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]]";
          return false;
       }
       hyksim::PortsetSpec desc;

@@ -23,18 +23,6 @@ using nlohmann::json;
 
 namespace {
 
-std::string Hex(const std::vector<uint8_t> &b) {
-   std::string s;
-   for (uint8_t c : b) s += fmt::format("{:02x}", c);
-   return s;
-}
-
-std::vector<uint8_t> Unhex(const std::string &s) {
-   std::vector<uint8_t> out;
-   for (size_t i = 0; i + 1 < s.size(); i += 2) out.push_back(static_cast<uint8_t>(std::stoul(s.substr(i, 2), nullptr, 16)));
-   return out;
-}
-
 json PortJson(const hyksim::PortView &p) {
    json blocked = json::array();
    for (const auto &b : p.blocked) blocked.push_back({b.fromUS, b.toUS, b.open});
@@ -128,7 +116,7 @@ class RemoteDevice : public Device {
    explicit RemoteDevice(std::shared_ptr<RemoteConnection> c) : c_(std::move(c)) {}
    hyk_Status Open() override { return StatusOf(c_->Call(json{{"op", "open"}})); }
    hyk_Status Ioctl(uint32_t cmd, const std::vector<uint8_t> &payload, uint32_t length) override {
-      return StatusOf(c_->Call(json{{"op", "ioctl"}, {"cmd", cmd}, {"payload", Hex(payload)}, {"length", length}}));
+      return StatusOf(c_->Call(json{{"op", "ioctl"}, {"cmd", cmd}, {"payload", HexOf(payload)}, {"length", length}}));
    }
    void Close() override { c_->Call(json{{"op", "close"}}); }
 
@@ -259,8 +247,10 @@ std::string HandleRequest(ServerSession &s, const std::string &line, bool *shutd
          return json{{"status", s.device->Open()}}.dump();
       }
       if (op == "ioctl") {
+         std::vector<uint8_t> payload;
+         if (!BytesOfHex(req["payload"], &payload)) return json{{"error", "payload: not hexadecimal"}}.dump();
          if (!s.device) return json{{"status", HYK_INVALID_HANDLE}}.dump();
-         return json{{"status", s.device->Ioctl(req["cmd"], Unhex(req["payload"]), req["length"])}}.dump();
+         return json{{"status", s.device->Ioctl(req["cmd"], payload, req["length"])}}.dump();
       }
       if (op == "close") {
          if (s.device) s.device->Close();

@@ -140,7 +140,9 @@ TEST_F(ClassicClientsTest, FailingRestoreKeepsThatPortBlockedUntilTheClearDropsI
    EXPECT_TRUE(Blocked(bad));
    EXPECT_EQ(hyksim::LogCount("Restore Runtime State FAIL for client tarnq-stats : Failure"), 1u);
    for (hyk_PortID p : AllPorts()) {
-      if (p != bad) EXPECT_FALSE(Blocked(p)) << p;
+      if (p != bad) {
+         EXPECT_FALSE(Blocked(p)) << p;
+      }
    }
    auto stats = hyksim::LedgerOf("tarnq-stats");
    const uint64_t keptBytes = stats.ports[bad][HYKSIM_LEDGER_SAVED];

@@ -110,9 +110,7 @@ class ClientTest : public ::testing::Test {
       return *tool_;
    }
    static std::vector<lusctl::PortsetArg> Names(const std::vector<std::string> &names) {
-      std::vector<lusctl::PortsetArg> out;
-      for (const auto &n : names) out.push_back({n, 0, 0});
-      return out;
+      return lusctl::PortsetArgs(names);
    }
 
    // ---- the ledger ------------------------------------------------------------

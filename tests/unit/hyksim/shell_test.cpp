@@ -81,11 +81,11 @@ TEST(HyksimShell, TypedCommandsRunWithEditingCompletionAndHistory) {
    ASSERT_TRUE(pty.ReadUntil("takeover PORTSET build=N")) << pty.out();
    pty.Send("portset ps0 version=106\r");
    ASSERT_TRUE(pty.ReadUntil("hyksim> "));
-   // Tab completes a command name: "por" has two completions, "port" + "s" one.
    pty.Send("ports ps0 4\r");
    ASSERT_TRUE(pty.ReadUntil("hyksim> "));
    pty.Send("expect blocked ps0 yes\r");
    ASSERT_TRUE(pty.ReadUntil("error: port ")) << pty.out();
+   // Tab completes a command name.
    pty.Send("ech\t");
    ASSERT_TRUE(pty.ReadUntil("echo")) << pty.out();
    pty.Send(" completed\r");

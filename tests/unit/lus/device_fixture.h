@@ -65,9 +65,7 @@ class DeviceTest : public LusTest {
    }
 
    static std::vector<lusctl::PortsetArg> Names(const std::vector<std::string> &names) {
-      std::vector<lusctl::PortsetArg> out;
-      for (const auto &n : names) out.push_back({n, 0, 0});
-      return out;
+      return lusctl::PortsetArgs(names);
    }
 
    // Error-level lines of `fn` with `msg`, in the error-code form of `status`.

@@ -1,4 +1,4 @@
-// Departures from the letter of the design that close a leak, a garbled log
+// Behaviours of the module that close a leak, a garbled log
 // line, a double pairing or a pinned module (each written down in
 // docs/ARCHITECTURE.md under "The module under concurrency").
 #include "world_fixture.h"

@@ -1,5 +1,5 @@
 // The version 0 lookups find a record by walking the one bucket its UUID
-// hashes to.  The design's own algorithm walks all 16,384 buckets in order;
+// hashes to.  The plain algorithm walks all 16,384 buckets in order;
 // it is kept here as the reference, and a randomised run of inserts,
 // deletions and lookups over a map whose hash forces many UUIDs into a few
 // buckets checks that both return the same record every time.
@@ -20,7 +20,7 @@ uint64_t CollidingHash(const void *key, uint32_t keyLen) {
    return len == 0 ? 0 : (len + static_cast<unsigned char>(s[0])) % 8;
 }
 
-// The design's lookup: every bucket in order, every record in chain order.
+// The plain lookup: every bucket in order, every record in chain order.
 LusInstance *ReferenceScan(LusHashMap *map, const char *uuid, uint32_t vnic, const char *name) {
    LusHashBucket *buckets = TarnHash_Buckets(map);
    for (uint32_t b = 0; b <= map->bucketMask; b++) {
@@ -70,7 +70,7 @@ class PortMapDifferentialTest : public LusTest {
          if (kind < 5 || live.empty()) {
             LusInstance &rec = records.emplace_back();
             memset(&rec, 0, sizeof(rec));
-            strncpy(rec.vmUUID, uuid.c_str(), LUS_UUID_LEN);
+            strncpy(rec.vmUUID, uuid.c_str(), LUS_UUID_LEN - 1);
             rec.vnicIndex = vnic;
             ClientEntry *c = &clients[rng() % clients.size()];
             // Some records know only their old client, some only the new one, some both.

@@ -25,9 +25,7 @@ class SecondSaveTest : public WorldTest {
       }
    }
    static std::vector<lusctl::PortsetArg> Names(const std::vector<std::string> &names) {
-      std::vector<lusctl::PortsetArg> out;
-      for (const auto &n : names) out.push_back({n, 0, 0});
-      return out;
+      return lusctl::PortsetArgs(names);
    }
    size_t DropLinesFor(const std::string &ps) {
       size_t n = 0;

@@ -628,7 +628,7 @@ LusClientInst *lusClientInstInitV1(uint32_t portID, LusRegContext *ctx, ClientEn
 /*
  * The version 0 lookup: the first record, in bucket order, whose UUID and
  * vNIC index are the given ones (and whose client has the given name, when
- * one is given).  The design walks every one of the 16,384 buckets for it.
+ * one is given).  Walking every one of the 16,384 buckets would find it too.
  * Every record of one UUID hashes to one bucket (the key is the UUID), so
  * the first match of that walk is the first match in that bucket's chain,
  * which keeps insertion order: we walk that bucket alone, with the same

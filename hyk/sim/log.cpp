@@ -35,7 +35,16 @@ constexpr size_t kMaxComponents = 4096;
 constexpr uint64_t kThrottleWindowUS = 1000000;
 constexpr uint64_t kThrottleBurst = 100;
 constexpr uint64_t kThrottleKeepOneIn = 10;
-constexpr auto kGatherPause = std::chrono::microseconds(500);
+// Formatting is deferred: the logger thread formats a batch when a reader
+// asks (every reader of the log flushes first), when the backlog grows past
+// kBacklogBytes, when the host stops, when no line has come for kQuiet, or
+// at the latest kFormatDelay after the batch's first line.  A burst of lines
+// (an upgrade's per-port lines) thus costs its callers the capture alone,
+// and its formatting runs after the burst, not beside it.  The log file lags
+// by at most kFormatDelay.
+constexpr auto kQuiet = std::chrono::milliseconds(50);
+constexpr auto kFormatDelay = std::chrono::milliseconds(2000);
+constexpr size_t kBacklogBytes = size_t(32) << 20;
 
 enum : uint32_t { kSlotFree = 0, kSlotLive = 1, kSlotGone = 2 };
 
@@ -183,9 +192,19 @@ void LoggerMain() {
             q.cv.wait(lk);
             q.loggerWaiting = false;
          }
-         // Let a batch gather: a caller that finds the logger busy does not
-         // pay for waking it, so a burst of lines costs one wake-up.
-         q.cv.wait_for(lk, kGatherPause, [&] { return q.stopping || q.flushWanted; });
+         // Let the batch gather (see kFormatDelay): a caller that finds the
+         // logger gathering does not pay for waking it.
+         const auto start = std::chrono::steady_clock::now();
+         for (uint64_t seen = q.enqueued;; seen = q.enqueued) {
+            if (q.cv.wait_for(lk, kQuiet, [&] {
+                   return q.stopping || q.flushWanted || q.pending.size() >= kBacklogBytes;
+                })) {
+               break;
+            }
+            if (q.enqueued == seen || std::chrono::steady_clock::now() - start >= kFormatDelay) {
+               break;
+            }
+         }
          q.flushWanted = false;
          if (q.pending.empty()) {
             q.running = false;  // later records are formatted by their callers
@@ -217,7 +236,9 @@ void Enqueue(const char *component, int32_t level, bool warning, const char *fmt
          q.pending.append(line.component);
          q.pending.append(data);
          q.enqueued++;
-         if (q.loggerWaiting) {
+         const bool backlogCrossed = q.pending.size() >= kBacklogBytes &&
+                                     q.pending.size() - sizeof h - line.component.size() - data.size() < kBacklogBytes;
+         if (q.loggerWaiting || backlogCrossed) {
             q.loggerWaiting = false;
             q.cv.notify_one();
          }

@@ -242,6 +242,8 @@ class Cli {
          s->add_option("--portset", f_.portsets, "a portset taking part (repeatable)")->required();
          s->add_option("--module-param", f_.moduleParams,
                        "NAME=VALUE given to every new-build module, e.g. seed=7 (repeatable)");
+         s->add_option("--lus-param", f_.lusParams,
+                       "NAME=VALUE given to lus when the flow loads it, e.g. lusLogLevel=1 (repeatable)");
          s->add_option("--client", f_.clients,
                        "a datapath module to upgrade, without its build (default: every loaded one)");
          s->add_flag("--dry-run", g_.dryRun, "print the steps and their payloads, do nothing");

@@ -137,8 +137,9 @@ class FlowBuilder {
       return HostStep("load lus", [this](std::string *d) {
          std::string error;
          *d = fmt::format("lus of build {} with fromBuild={}", opts_.toBuild, opts_.fromBuild);
-         hyk_Status s = host_.LoadModule(fmt::format("lus-{}", opts_.toBuild),
-                                         {fmt::format("fromBuild={}", opts_.fromBuild)}, &error);
+         std::vector<std::string> params = {fmt::format("fromBuild={}", opts_.fromBuild)};
+         params.insert(params.end(), opts_.lusParams.begin(), opts_.lusParams.end());
+         hyk_Status s = host_.LoadModule(fmt::format("lus-{}", opts_.toBuild), params, &error);
          if (s != HYK_OK && !error.empty()) *d += ": " + error;
          return s;
       });

@@ -121,6 +121,7 @@ struct FlowOptions {
    std::vector<std::string> modules;        // per-portset: extra modules of command 9
    std::vector<uint32_t> containerPorts;    // per-portset: ports upgraded alone (command 10)
    std::vector<std::string> moduleParams;   // given to every module of the new build (its seed)
+   std::vector<std::string> lusParams;      // given to lus besides fromBuild (its log level)
    std::vector<std::string> clients;        // client names; empty: every loaded "<x>-<from>"
    bool dryRun = false;
    unsigned restoreRounds = 20;             // command 12 retries before giving up

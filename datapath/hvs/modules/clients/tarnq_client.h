@@ -77,6 +77,8 @@ TARNQ_PARAM int32_t slowSlot = -1;
 TARNQ_PARAM uint32_t slowMs = 0;
 /* Only on this port (0: any port). */
 TARNQ_PARAM uint32_t slowPort = 0;
+/* The most the client's own heap may grow to, in MiB. */
+TARNQ_PARAM uint32_t heapMaxMB = 512;
 HYK_EXTERN_C_END
 
 HYK_MODULE_PARAM(seed, HYK_PARAM_UINT, "seed of the generated state");
@@ -89,6 +91,7 @@ HYK_MODULE_PARAM(overrun, HYK_PARAM_UINT, "getRuntimeState claims one byte too m
 HYK_MODULE_PARAM(slowSlot, HYK_PARAM_INT, "callback slot that is slow (-1 none)");
 HYK_MODULE_PARAM(slowMs, HYK_PARAM_UINT, "how long the slow callback takes, ms");
 HYK_MODULE_PARAM(slowPort, HYK_PARAM_UINT, "port on which it is slow (0 any)");
+HYK_MODULE_PARAM(heapMaxMB, HYK_PARAM_UINT, "most the client's heap may grow to, MiB");
 
 /* ---- small helpers (no C library) ------------------------------------------------------ */
 

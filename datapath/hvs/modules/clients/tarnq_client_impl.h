@@ -14,11 +14,18 @@
  *   TARNQ_PULLS            1: pulls its per-port state (registration type 4)
  *   TARNQ_REGISTERS        0: a module lus only looks up (no registration)
  *   TARNQ_PREFETCH         1: fills the prefetch slot
+ *   TARNQ_OWN_PORT_STATE   1: the client defines tarnqGetSize, tarnqGetRuntimeState
+ *                          and tarnqRuntimeRestore itself (raw state, no codec)
+ *   TARNQ_ON_UNLOAD()      optional: called first thing at unload
  */
 #ifndef TARNQ_CLIENT_IMPL_H
 #define TARNQ_CLIENT_IMPL_H
 
 #include "tarnq_client.h"
+
+#ifndef TARNQ_OWN_PORT_STATE
+#define TARNQ_OWN_PORT_STATE 0
+#endif
 
 #define TARNQ_EVENT_PORT_UNBLOCK "com.corvid.tarn.kcp.port.unblock"
 
@@ -98,6 +105,12 @@ static uint8_t *tarnqTakeBlob(const TarnqCodec &c, uint32_t kind, TarnqRng scope
 
 /* ---- per-port callbacks --------------------------------------------------------------------- */
 
+static hyk_Status tarnqPrefetch(void *record, uint32_t portID, uint64_t *ctx)
+{
+   return tarnqMisbehave(0, portID);
+}
+
+#if !TARNQ_OWN_PORT_STATE
 /* The old build's state of a port, made the first time it is asked for it. */
 static TarnqPortState *tarnqPortStateOf(uint32_t portID)
 {
@@ -132,11 +145,6 @@ static TarnqPortState *tarnqPortStateOf(uint32_t portID)
       return other;
    }
    return state;
-}
-
-static hyk_Status tarnqPrefetch(void *record, uint32_t portID, uint64_t *ctx)
-{
-   return tarnqMisbehave(0, portID);
 }
 
 static hyk_Status tarnqGetSize(void *record, uint32_t portID, uint64_t *stateLen, uint64_t *ctx)
@@ -202,6 +210,8 @@ static hyk_Status tarnqRuntimeRestore(void *record, uint32_t portID, void *buffe
    hyk_SpinlockUnlock(tarnq.lock);
    return HYK_OK;
 }
+
+#endif /* !TARNQ_OWN_PORT_STATE */
 
 static hyk_Status tarnqCollectionComplete(ClientEntry *client, uint32_t arg1, void *arg2,
                                           uint64_t *ctx)
@@ -571,7 +581,8 @@ HYK_MODULE_ENTRY int init_module(void)
    tarnq.lock = HYK_INVALID_LOCK;
    tarnq.domain = HYK_INVALID_LOCK_DOMAIN;
 
-   hyk_HeapProps heap = {TARNQ_MODULE_NAME, tarnq.id, 65536, 512u * 1024u * 1024u};
+   const uint32_t heapMax = heapMaxMB >= 4096u ? 0xffffffffu : heapMaxMB * 1024u * 1024u;
+   hyk_HeapProps heap = {TARNQ_MODULE_NAME, tarnq.id, 65536, heapMax};
    if (hyk_HeapCreate(&heap, &tarnq.heap) != HYK_OK) {
       tarnq.heap = 0;
       return -1;
@@ -590,6 +601,9 @@ HYK_MODULE_ENTRY int init_module(void)
 
 HYK_MODULE_ENTRY void cleanup_module(void)
 {
+#ifdef TARNQ_ON_UNLOAD
+   TARNQ_ON_UNLOAD();
+#endif
    tarnqTearDown();
 }
 

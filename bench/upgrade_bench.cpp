@@ -221,7 +221,7 @@ class Run {
       };
       lusctl::FlowResult flow = lusctl::RunFlow(env_, Options(), progress);
       if (!flow.ok) {
-         const auto &s = flow.steps.at(static_cast<size_t>(flow.failedStep));
+         const auto &s = flow.steps.at(static_cast<size_t>(flow.failedStep - 1));
          throw std::runtime_error(fmt::format("the upgrade failed at {}: {} ({})", s.name,
                                               lusctl::StatusText(s.status), s.detail));
       }

@@ -372,14 +372,15 @@ static inline void tarnqFreeAllPorts(void)
    }
 }
 
-/* The scope key of a port: its ID and its VM's UUID (empty for other ports). */
+/*
+ * The scope key of a port: its ID, which the port keeps across an upgrade.
+ * Nothing the host may fail to answer goes into it: a failed host call
+ * must not change what a port's state is, or the new build would find a
+ * mismatch that no byte lus moved explains.
+ */
 static inline uint64_t tarnqPortKey(uint32_t portID)
 {
-   char uuid[136] = {};
-   if (hyk_PortGetVMUUID(portID, uuid, 133) != HYK_OK) {
-      uuid[0] = '\0';
-   }
-   return tarnqMixString(tarnqMix(0x706f7274ull, portID), uuid, 133);
+   return tarnqMix(0x706f7274ull, portID);
 }
 
 #endif /* TARNQ_CLIENT_H */

@@ -34,15 +34,19 @@
 /*
  * Checks a restored blob of one scope byte for byte against what the old
  * build held (recomputed from the seed), and converts it into this build's
- * format.  Returns the blob in this build's format (from the heap; the
- * caller owns it), or null with *status set: HYK_VERSION_MISMATCH for a
+ * format.  Returns a buffer from the heap (the caller owns it) of
+ * `headroom` bytes for the caller's own use followed by the blob in this
+ * build's format, or null with *status set: HYK_VERSION_MISMATCH for a
  * format this build cannot read, HYK_NO_MEMORY.  Counts every byte in the
- * ledger.  A mismatch is counted and the state still taken: the ledger, not
- * the datapath, is where it shows.
+ * ledger, and only once the state is taken: a blob this build could not
+ * take for want of memory stays lus's, so it is not counted as restored.
+ * A mismatch is counted and the state still taken: the ledger, not the
+ * datapath, is where it shows.
  */
 static uint8_t *tarnqTakeBlob(const TarnqCodec &c, uint32_t kind, TarnqRng scope,
                               const uint8_t *blob, uint32_t len, uint32_t portID,
-                              const char *scopeName, uint32_t *outLen, hyk_Status *status)
+                              const char *scopeName, uint32_t headroom, uint32_t *outLen,
+                              hyk_Status *status)
 {
    auto count = [&](uint32_t k, uint64_t bytes) {
       if (kind == TARNQ_KIND_PORT) {
@@ -52,8 +56,8 @@ static uint8_t *tarnqTakeBlob(const TarnqCodec &c, uint32_t kind, TarnqRng scope
       }
    };
    uint32_t format = 0, n = 0;
-   count(HYKSIM_LEDGER_RESTORED, len);
    if (!tarnqReadHeader(c, blob, len, &format, &n)) {
+      count(HYKSIM_LEDGER_RESTORED, len);
       count(HYKSIM_LEDGER_REFUSED, len);
       TARNQ_LOG(1, "%s state of %u bytes is in no format this build reads\n",
                 kind == TARNQ_KIND_PORT ? "port" : scopeName, len);
@@ -64,19 +68,21 @@ static uint8_t *tarnqTakeBlob(const TarnqCodec &c, uint32_t kind, TarnqRng scope
    /* What the old build held, in the format it wrote. */
    uint8_t *expected = static_cast<uint8_t *>(tarnqAlloc(len));
    uint32_t ownLen = tarnqBlobSize(c, TARNQ_FORMAT, n);
-   uint8_t *own = static_cast<uint8_t *>(tarnqAlloc(ownLen));
-   if (expected == nullptr || own == nullptr) {
+   uint8_t *base = static_cast<uint8_t *>(tarnqAlloc(headroom + ownLen));
+   if (expected == nullptr || base == nullptr) {
       tarnqFree(expected);
-      tarnqFree(own);
+      tarnqFree(base);
       *status = HYK_NO_MEMORY;
       return nullptr;
    }
+   uint8_t *own = base + headroom;
    const uint32_t wantCount = c.count(scope);
    if (wantCount == n) {
       tarnqWriteBlob(c, format, scope, n, expected);
    }
    const bool same = wantCount == n && __builtin_memcmp(expected, blob, len) == 0;
    tarnqFree(expected);
+   count(HYKSIM_LEDGER_RESTORED, len);
    count(same ? HYKSIM_LEDGER_VERIFIED : HYKSIM_LEDGER_MISMATCHED, len);
    if (!same) {
       TARNQ_LOG(1, "restored state of %s %u differs from what the old build held\n",
@@ -100,7 +106,7 @@ static uint8_t *tarnqTakeBlob(const TarnqCodec &c, uint32_t kind, TarnqRng scope
    }
    *outLen = ownLen;
    *status = HYK_OK;
-   return own;
+   return base;
 }
 
 /* ---- per-port callbacks --------------------------------------------------------------------- */
@@ -189,28 +195,23 @@ static hyk_Status tarnqRuntimeRestore(void *record, uint32_t portID, void *buffe
    }
    uint32_t ownLen = 0;
    TarnqRng scope = tarnqScopeRng(TARNQ_CLIENT_NAME, TARNQ_KIND_PORT, tarnqPortKey(portID));
+   /* The port's record and its state in one allocation, so that nothing can
+    * fail once the state is taken. */
    uint8_t *own = tarnqTakeBlob(*TARNQ_PORT_CODEC, TARNQ_KIND_PORT, scope,
                                 static_cast<const uint8_t *>(buffer), length, portID, "",
-                                &ownLen, &status);
+                                sizeof(TarnqPortState), &ownLen, &status);
    if (own == nullptr) {
       return status;
    }
-   TarnqPortState *state = static_cast<TarnqPortState *>(tarnqAlloc(sizeof(TarnqPortState) + ownLen));
-   if (state == nullptr) {
-      tarnqFree(own);
-      return HYK_NO_MEMORY;
-   }
+   TarnqPortState *state = reinterpret_cast<TarnqPortState *>(own);
    state->next = nullptr;
    state->portID = portID;
    state->len = ownLen;
-   tarnqCopy(state->data, own, ownLen);
-   tarnqFree(own);
    hyk_SpinlockLock(tarnq.lock);
    tarnqPutPort(state);
    hyk_SpinlockUnlock(tarnq.lock);
    return HYK_OK;
 }
-
 #endif /* !TARNQ_OWN_PORT_STATE */
 
 static hyk_Status tarnqCollectionComplete(ClientEntry *client, uint32_t arg1, void *arg2,
@@ -285,7 +286,7 @@ static hyk_Status tarnqRestoreShared(const TarnqCodec &c, uint32_t kind, const c
    uint32_t ownLen = 0;
    TarnqRng scope = tarnqScopeRng(TARNQ_CLIENT_NAME, kind, tarnqMixString(kind, scopeName, 128));
    uint8_t *own = tarnqTakeBlob(c, kind, scope, static_cast<const uint8_t *>(buffer), length, 0,
-                                scopeName, &ownLen, &status);
+                                scopeName, 0, &ownLen, &status);
    /* The new build would install it; the sample keeps nothing of it. */
    tarnqFree(own);
    return status;

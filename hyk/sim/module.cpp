@@ -9,7 +9,9 @@
 #include <dlfcn.h>
 #include <link.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -54,6 +56,102 @@ struct Frame {
    const void *fn;
 };
 thread_local std::vector<Frame> tStack;
+
+// ---- resident objects -------------------------------------------------------------
+//
+// Normally an unload closes the object and the next load maps it afresh,
+// which is how a module starts from fresh globals.  A coverage-guided
+// fuzzer cannot follow objects that come and go (its counters live in the
+// object), so a program may ask for objects to stay resident: the first
+// load maps the object and copies its writable data (everything the loader
+// does not make read-only after relocation) right after the mapping, before
+// any of the module's code runs; unloading keeps the object mapped; every
+// later load of that path copies the image back first.  The module's
+// globals start from the same bytes either way.  Process-wide, across host
+// lives, like the objects themselves.
+
+struct Resident {
+   void *handle = nullptr;
+   std::vector<std::pair<uint8_t *, std::vector<uint8_t>>> image;   // address, pristine bytes
+};
+
+std::mutex gResidentMu;
+bool gResidentObjects = false;
+std::map<std::string, Resident> &Residents() {
+   static auto *r = new std::map<std::string, Resident>();
+   return *r;
+}
+
+// Copies an object's data byte for byte, redzones included: AddressSanitizer
+// poisons the gaps between an instrumented module's globals, and this copy
+// must neither trip over them nor be turned into a memcpy that checks them.
+__attribute__((no_sanitize("address", "thread"))) void CopyImageBytes(uint8_t *dst, const uint8_t *src,
+                                                                      size_t n) {
+   volatile uint8_t *d = dst;
+   const volatile uint8_t *s = src;
+   for (size_t i = 0; i < n; i++) {
+      d[i] = s[i];
+   }
+}
+
+struct ImageSearch {
+   uintptr_t base;
+   std::vector<std::pair<uint8_t *, std::vector<uint8_t>>> *image;
+   bool found;
+};
+
+// The writable ranges of the object loaded at `base`, less the pages the
+// loader protects after relocation.
+int CollectWritable(struct dl_phdr_info *info, size_t, void *data) {
+   auto *q = static_cast<ImageSearch *>(data);
+   if (info->dlpi_addr != q->base || q->found) {
+      return 0;
+   }
+   q->found = true;
+   const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+   uintptr_t relroFrom = 0, relroTo = 0;
+   for (int i = 0; i < info->dlpi_phnum; i++) {
+      const ElfW(Phdr) &ph = info->dlpi_phdr[i];
+      if (ph.p_type == PT_GNU_RELRO) {
+         relroFrom = (info->dlpi_addr + ph.p_vaddr) & ~(page - 1);
+         relroTo = (info->dlpi_addr + ph.p_vaddr + ph.p_memsz) & ~(page - 1);
+      }
+   }
+   auto keep = [&](uintptr_t from, uintptr_t to) {
+      if (to > from) {
+         auto *p = reinterpret_cast<uint8_t *>(from);
+         std::vector<uint8_t> bytes(to - from);
+         CopyImageBytes(bytes.data(), p, bytes.size());
+         q->image->emplace_back(p, std::move(bytes));
+      }
+   };
+   for (int i = 0; i < info->dlpi_phnum; i++) {
+      const ElfW(Phdr) &ph = info->dlpi_phdr[i];
+      if (ph.p_type != PT_LOAD || (ph.p_flags & PF_W) == 0) {
+         continue;
+      }
+      const uintptr_t from = info->dlpi_addr + ph.p_vaddr, to = from + ph.p_memsz;
+      keep(from, std::min(to, std::max(from, relroFrom)));
+      keep(std::max(from, relroTo), to);
+   }
+   return 0;
+}
+
+bool SnapshotImage(void *handle, Resident *r) {
+   struct link_map *map = nullptr;
+   if (dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0 || map == nullptr) {
+      return false;
+   }
+   ImageSearch q{static_cast<uintptr_t>(map->l_addr), &r->image, false};
+   dl_iterate_phdr(CollectWritable, &q);
+   return q.found;
+}
+
+void RestoreImage(const Resident &r) {
+   for (const auto &[addr, bytes] : r.image) {
+      CopyImageBytes(addr, bytes.data(), bytes.size());
+   }
+}
 
 std::shared_ptr<Module> Find(hyk_ModuleID id) {
    std::lock_guard<std::mutex> lk(Reg().mu);
@@ -266,6 +364,12 @@ void Unlist(hyk_ModuleID id) {
 }
 
 void CloseObject(const Module &m) {
+   {
+      std::lock_guard<std::mutex> lk(gResidentMu);
+      if (Residents().count(m.path) != 0) {
+         return;   // stays mapped; the next load restores its image
+      }
+   }
    if (dlclose(m.handle) != 0) {
       HostLog("module %s: closing %s failed: %s", m.name.c_str(), m.path.c_str(), dlerror());
       return;
@@ -328,16 +432,39 @@ hyk_Status RunInit(const std::shared_ptr<Module> &m, const std::function<int()> 
 hyk_Status OpenObject(const std::string &path, const std::string &name,
                       const std::vector<ParamValue> &values, Module *m, hyk_ModuleInitFn *init,
                       std::string *error) {
-   m->handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+   bool resident = false;
+   {
+      std::lock_guard<std::mutex> lk(gResidentMu);
+      auto it = Residents().find(path);
+      if (it != Residents().end()) {
+         RestoreImage(it->second);
+         m->handle = it->second.handle;
+         resident = true;
+      }
+   }
+   if (!resident) {
+      m->handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+   }
    if (m->handle == nullptr) {
       std::string why = dlerror();
       bool unresolved = why.find("undefined symbol") != std::string::npos;
       return Refuse(unresolved ? HYK_UNRESOLVED_SYMBOL : HYK_EXEC_FORMAT, name, why, error);
    }
+   if (!resident) {
+      std::lock_guard<std::mutex> lk(gResidentMu);
+      Resident r;
+      r.handle = m->handle;
+      if (gResidentObjects && SnapshotImage(m->handle, &r)) {
+         Residents()[path] = std::move(r);
+         resident = true;
+      }
+   }
    *init = reinterpret_cast<hyk_ModuleInitFn>(OwnSymbol(m->handle, "init_module"));
    std::string why = *init ? ApplyParams(m->handle, values) : "it has no init_module";
    if (!why.empty()) {
-      dlclose(m->handle);
+      if (!resident) {
+         dlclose(m->handle);
+      }
       m->handle = nullptr;
       return Refuse(HYK_EXEC_FORMAT, name, why, error);
    }
@@ -406,6 +533,11 @@ hyk_Status Unload(const std::shared_ptr<Module> &m, bool force) {
 }  // namespace
 
 // ---- control API -----------------------------------------------------------------
+
+void KeepModuleObjectsResident(bool on) {
+   std::lock_guard<std::mutex> lk(gResidentMu);
+   gResidentObjects = on;
+}
 
 hyk_Status SetModuleParams(const std::string &name, const std::vector<std::string> &params,
                            std::string *error) {

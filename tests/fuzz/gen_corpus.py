@@ -72,6 +72,11 @@ def ps_upgrade(name, modules, count=None, bend=("exact", 0), pad=None):
     return out
 
 
+def host(action, port_index=0, extra=b""):
+    # 240 + action: 0 unblock event of a port, 1 port up, 2 past the clear timer, 3 unblock of no port
+    return bytes([240 + action, port_index]) + extra
+
+
 def bare(cmd):
     return bytes([cmd, 0, 0])
 
@@ -134,6 +139,41 @@ SEEDS = {
     "fault-block": setup(fault=(8, 2, 1)) + portset_cmd(6, [NEW]),
     "classic-flow": setup() + portset_cmd(1, [NEW]) + portset_cmd(6, [NEW], outage=5)
                     + portset_cmd(4, [NEW]) + portset_cmd(1, [NEW]) + bare(12),
+    # Counts and lengths at their edges for the two commands whose payload
+    # is taken as the header says (6: exactly; 14: at least).
+    "block-zero-count": setup() + portset_cmd(6, []),
+    "block-eight-bytes": setup() + portset_cmd(6, [], bend=("short1", 0)),
+    "block-over-count": setup() + portset_cmd(6, [NEW, OLD], count=129),
+    "block-count-256": setup() + portset_cmd(6, [NEW], count=256),
+    "block-count-65536": setup() + portset_cmd(6, [NEW], count=65536),
+    "block-count-max": setup() + portset_cmd(6, [NEW, OLD, CS], count=0xFFFFFFFF),
+    "block-128-one-short": setup() + portset_cmd(6, [NEW] * 128, bend=("short1", 0)),
+    "cswitch-zero-count": setup() + portset_cmd(14, []),
+    "cswitch-eight-bytes": setup() + portset_cmd(14, [], bend=("short1", 0)),
+    "cswitch-over-count": setup() + portset_cmd(14, [CS], count=129),
+    "cswitch-count-65536": setup() + portset_cmd(14, [CS, NEW], count=65536),
+    "cswitch-count-max": setup() + portset_cmd(14, [CS], count=0xFFFFFFFF),
+    "cswitch-128-head-only": setup() + portset_cmd(14, [CS] * 128, bend=("short", 136)),
+    # Sequences: a per-portset upgrade as the tool runs it, and a classic one
+    # interrupted and run again.
+    "portset-flow": setup() + portset_cmd(2, [NEW, CS]) + bare(7) + portset_cmd(3, [NEW, CS]) + bare(8)
+                    + ps_upgrade(NEW, [(True, 0), (False, 1)]) + ps_upgrade(CS, [(True, 0), (False, 1)])
+                    + bare(11) + bare(12),
+    "classic-twice": setup() + portset_cmd(1, [NEW, OLD]) + portset_cmd(6, [NEW, OLD], outage=5)
+                     + portset_cmd(4, [NEW]) + portset_cmd(1, [NEW, OLD]) + portset_cmd(6, [NEW, OLD])
+                     + portset_cmd(4, [NEW, OLD]) + portset_cmd(5, [NEW, OLD]) + bare(12),
+    # The restore paths: the unblock events of the new switch, a port coming
+    # up, the clear timer.
+    "classic-restore": setup() + portset_cmd(1, [NEW, OLD]) + portset_cmd(6, [NEW, OLD], outage=5)
+                       + portset_cmd(4, [NEW, OLD]) + portset_cmd(1, [NEW, OLD])
+                       + host(0, 0) + host(0, 1) + host(0, 2) + host(0, 5) + host(1, 6) + host(3, 0, u32(999)),
+    "classic-timer": setup() + portset_cmd(1, [NEW]) + portset_cmd(6, [NEW], outage=5)
+                     + portset_cmd(4, [NEW]) + host(2) + host(0, 0),
+    "classic-restore-legacy": setup() + portset_cmd(1, [NEW], legacy=True) + portset_cmd(6, [NEW])
+                              + portset_cmd(4, [NEW], legacy=True) + portset_cmd(1, [NEW], legacy=True)
+                              + host(1, 0) + host(0, 0) + host(0, 1) + bare(12),
+    "block-then-cswitch": setup() + portset_cmd(6, [CS, NEW]) + portset_cmd(14, [CS]) + portset_cmd(13, [NEW], op=1)
+                          + portset_cmd(5, [CS, NEW]) + bare(12),
 }
 
 

@@ -11,12 +11,18 @@
 // bytes; some get a header whose data address, or the header itself, lies
 // outside the process.  One host call may be made to fail once.
 //
+// lus's object stays mapped across inputs (the host's resident objects):
+// the fuzzer's coverage counters live in the object, and the host copies
+// the object's pristine data back at every load, so each input still starts
+// from fresh globals.
+//
 // What counts as a finding, besides what ASan and UBSan report: a host panic
-// (lock order, double free, freeing to the wrong heap, ...), lus refusing to
-// unload when the process has gone, and a command of the device's own that
-// leaves an allocation behind in lus_heap_0.  (Records left in the maps at
-// unload are not a finding: unload frees the map tables and the heap's
-// destruction releases the rest, as designed.)
+// (lock order, double free, freeing to the wrong heap, ...), a command
+// answering a status the host does not know, lus refusing to unload when the
+// process has gone, a command of the device's own that leaves an allocation
+// behind in lus_heap_0, and after the unload: any lus heap destroyed with
+// live allocations, a world still alive, a portset still acquired, or a
+// client module still pinned.
 //
 // Commands 9 and 10 stay in: the host runs on its virtual clock, so the
 // sleeps of the single-port upgrade and the world's waits cost no real time,
@@ -96,6 +102,7 @@ const char *const kFaultOps[] = {
 struct Host {
    std::vector<std::unique_ptr<lustest::TestClient>> clients;
    std::vector<hyk_PortID> ports;
+   std::vector<std::string> portsetOf;   // by index in ports
    hyk_ModuleID fdpFrom = HYK_INVALID_MODULE_ID, fdpTo = HYK_INVALID_MODULE_ID;
 };
 
@@ -110,6 +117,7 @@ void AddPort(Host &h, const std::string &ps, hyksim::PortSpec desc) {
    hyk_PortID id = 0;
    Check(hyksim::AddPort(ps, desc, &id) == HYK_OK, "AddPort failed");
    h.ports.push_back(id);
+   h.portsetOf.push_back(ps);
 }
 
 hyksim::PortSpec Vnic(const std::string &uuid) {
@@ -270,14 +278,68 @@ uint32_t BendLength(Reader &r, size_t size) {
    }
 }
 
+// A status the host's table names ("Unknown status" is what it says otherwise).
+bool KnownStatus(hyk_Status st) {
+   return strcmp(hyk_StatusToString(st), "Unknown status") != 0;
+}
+
+// What must hold once lus has unloaded, whatever the input did.
+void CheckNothingLeft(const Host &h) {
+   for (const auto &leak : hyksim::LeakReports()) {
+      if (leak.heap.rfind("lus_heap_", 0) == 0) {
+         fprintf(stderr, "heap %s destroyed with %llu bytes in %llu allocations\n", leak.heap.c_str(),
+                 (unsigned long long)leak.bytes, (unsigned long long)leak.allocations);
+         Check(false, "lus left allocations in its heaps");
+      }
+   }
+   Check(hyksim::Counts().worlds == 0, "a world outlived lus");
+   for (const auto &ps : hyksim::Portsets()) {
+      if (ps.acquireCount != 0) {
+         fprintf(stderr, "portset %s acquired %u times\n", ps.name.c_str(), ps.acquireCount);
+         Check(false, "lus left a portset acquired");
+      }
+   }
+   for (const auto &c : h.clients) {
+      auto view = hyksim::FindModule(c->config().moduleName);
+      Check(!view || view->useCount == 0, "lus left a client module pinned");
+   }
+}
+
 uint64_t Heap0Live() {
    auto heap = hyksim::FindHeap("lus_heap_0");
    return heap ? heap->liveAllocations : 0;
 }
 
+// Besides ioctls, an input may make the host do what the datapath does
+// between commands, so that the restore paths run too: command bytes 240 and
+// up.  Their pseudo command numbers are kHostAction + the action.
+constexpr uint8_t kFirstHostAction = 240;
+constexpr uint32_t kHostAction = 0xffffff00u;
+
+hyk_Status HostAction(uint8_t action, Reader &r, const Host &h) {
+   const size_t i = r.U8() % h.ports.size();
+   uint32_t port = h.ports[i];
+   switch (action % 4) {
+      case 0:   // the new switch carries the port: its unblock (restore) event
+         return hyksim::PostPortsetEvent(h.portsetOf[i], "com.corvid.tarn.kcp.port.unblock", &port, sizeof port);
+      case 1:   // the port comes up
+         return hyksim::EnablePort(port);
+      case 2:   // past the clear timer
+         hyksim::AdvanceClock(121ull * 1000000ull);
+         return HYK_OK;
+      default:  // an unblock event for a port that does not exist
+         port = r.U32();
+         return hyksim::PostPortsetEvent(h.portsetOf[i], "com.corvid.tarn.kcp.port.unblock", &port, sizeof port);
+   }
+}
+
 hyk_Status IssueOne(Reader &r, lusctl::Client &client, hyksim::UserProcess &proc, const Host &h,
                     uint32_t *cmdOut) {
    const uint8_t c = r.U8();
+   if (c >= kFirstHostAction && c != 255) {
+      *cmdOut = kHostAction + (c - kFirstHostAction);
+      return HostAction(c - kFirstHostAction, r, h);
+   }
    const uint32_t cmd = c % 16 == 15 ? r.U32() : c % 16;
    *cmdOut = cmd;
    const uint8_t shape = r.U8() % 8;
@@ -322,6 +384,8 @@ hyk_Status IssueOne(Reader &r, lusctl::Client &client, hyksim::UserProcess &proc
 }
 
 void RunInput(const uint8_t *data, size_t size) {
+   static const bool resident = (hyksim::KeepModuleObjectsResident(true), true);
+   (void)resident;
    Reader r(data, size);
    Host h;
    BuildHost(h);
@@ -354,6 +418,13 @@ void RunInput(const uint8_t *data, size_t size) {
          uint32_t cmd = 0;
          hyk_Status st = IssueOne(r, client, proc, h, &cmd);
          if (trace) fprintf(stderr, "  command %u -> 0x%x\n", cmd, st);
+         if (cmd >= kHostAction) {
+            continue;
+         }
+         if (!KnownStatus(st)) {
+            fprintf(stderr, "command %u answered 0x%x\n", cmd, st);
+            Check(false, "a command answered a status the host does not know");
+         }
          // The block, fast-datapath and switch-event commands and refused
          // command numbers allocate nothing that outlives them, whatever the
          // payload: a change in lus_heap_0 is a buffer lost on some path.
@@ -372,6 +443,7 @@ void RunInput(const uint8_t *data, size_t size) {
 
    hyksim::ClearFaults();
    Check(lustest::UnloadLus() == HYK_OK, "lus refused to unload after its user went away");
+   CheckNothingLeft(h);
    hyksim::HostStop();
    h.clients.clear();
 }

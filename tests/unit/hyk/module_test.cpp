@@ -1,6 +1,8 @@
 // module_test.cpp -- the module loader with real module objects (fresh
 // globals per load, parameters, refused modules, leftovers), in-process
 // modules, use counts and the current-module stack.
+#include <dlfcn.h>
+
 #include <fstream>
 
 #include "hyk_test_support.h"
@@ -52,6 +54,29 @@ TEST_F(ModuleTest, EveryLoadStartsFromFreshGlobals) {
    EXPECT_FALSE(hyksim::LogContains("counter1: init loads=2"));
    EXPECT_FALSE(hyksim::LogContains("stays mapped"));
    EXPECT_NE(first, second);  // IDs are not reused within a host life
+}
+
+// A fuzzer's setting: the object stays mapped after its unload, and the next
+// load, even in a later host life, starts from the same bytes as the first.
+TEST_F(ModuleTest, ResidentObjectsStayMappedAndStillStartFromFreshGlobals) {
+   hyksim::KeepModuleObjectsResident(true);
+   const std::string path = TestModule("hyktest_counter");
+   ASSERT_EQ(Load("hyktest_counter", {"counterStart=5", "label=first"}), HYK_OK);
+   ASSERT_EQ(hyksim::UnloadModule("hyktest_counter"), HYK_OK);
+   void *still = dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+   ASSERT_NE(still, nullptr) << "the object was closed";
+   dlclose(still);
+   ASSERT_EQ(Load("hyktest_counter"), HYK_OK);
+   EXPECT_TRUE(hyksim::LogContains("counter1: init loads=1 start=5 label=first"));
+   EXPECT_TRUE(hyksim::LogContains("counter1: init loads=1 start=0 label=none"));
+   EXPECT_FALSE(hyksim::LogContains("init loads=2"));
+   ASSERT_EQ(hyksim::UnloadModule("hyktest_counter"), HYK_OK);
+
+   hyksim::HostStop();
+   hyksim::HostStart();
+   ASSERT_EQ(Load("hyktest_counter", {"label=again"}), HYK_OK);
+   EXPECT_TRUE(hyksim::LogContains("counter1: init loads=1 start=0 label=again"));
+   EXPECT_FALSE(hyksim::LogContains("init loads=2"));
 }
 
 TEST_F(ModuleTest, UnloadFormatsTheModulesLinesBeforeClosingIt) {

@@ -57,6 +57,13 @@ hyk_Status LoadModule(const std::string &path, const std::vector<std::string> &p
                       hyk_ModuleID *id, std::string *error = nullptr,
                       const std::string &name = "");
 
+// From now on, the objects of module files stay mapped after their unload,
+// and each later load of the same file first copies back the object's
+// writable data as it was right after its first mapping: fresh globals
+// without a new mapping, for coverage-guided fuzzers whose counters live in
+// the object.  Process-wide and for the rest of the process.
+void KeepModuleObjectsResident(bool on);
+
 // An in-process module: callbacks in the calling program play the module's
 // entry points.  Loaded and unloaded like a file module.
 struct InProcessModule {

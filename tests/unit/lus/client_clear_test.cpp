@@ -164,6 +164,36 @@ TEST_F(ClientClearTest, UnloadOfFromBuildModuleEmptiesBothMaps) {
    EXPECT_TRUE(hyksim::LeakReports().empty());
 }
 
+TEST_F(ClientClearTest, UnloadReportsAPortsetPhaseMapFilledAfterTheOnceOnlyClear) {
+   Load({"fromBuild=1000"});
+   TestClientConfig from;
+   from.moduleName = "ps_old";
+   from.clientName = "ps";
+   from.buildNumber = kFromBuild;
+   from.upgradePhase = LUS_PHASE_PORTSET;
+   AddClient(from);
+   TestClientConfig to = from;
+   to.moduleName = "ps_new";
+   to.buildNumber = kToBuild;
+   AddClient(to);
+   MakePortset("ps0", 3);
+   AsLus([] { LusFn<ClientClearFn>("LUS_ClientClear")(0); });
+   ASSERT_EQ(hyksim::LogCount(kClearing), 1u);
+   // Registered and enrolled again after the clear, which runs once only.
+   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
+   ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
+   ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
+   ASSERT_EQ(Var<LusHashMap *>("lusHashMap")->count, 3u);
+
+   ASSERT_EQ(UnloadLus(), HYK_OK);
+   EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
+   EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("lusCleanup", 86, "Non empty LUS PS phase hash map : Not empty"), 1),
+             1u);
+   EXPECT_EQ(hyksim::LogCount("Non empty LUS port phase hash map"), 0u);
+   // The records and what they held were freed, not left to the heaps' destruction.
+   EXPECT_TRUE(hyksim::LeakReports().empty());
+}
+
 TEST_F(ClientClearTest, ScheduleFailureIsLoggedAndReturned) {
    Load();
    hyksim::FaultSpec desc;

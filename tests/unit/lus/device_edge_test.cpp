@@ -104,6 +104,30 @@ TEST_F(DeviceEdgeTest, BlockCommandOneByteLongerThanItsEntriesBlocksNothingButHa
    EXPECT_EQ(Heap0Live(), live);
 }
 
+// Before the payload is even copied: a command whose payload never arrives
+// (no buffer for it, or the caller's memory does not hold it) still started
+// the outage clock.
+TEST_F(DeviceEdgeTest, BlockCommandStartsTheClockBeforeItAllocatesOrCopies) {
+   Load();
+   AddSwitch("ps");
+   const std::vector<uint8_t> payload = lusctl::PortsetQuery(Names({"ps"}), false, 30);
+
+   hyksim::AdvanceClock(11'000'000);
+   EXPECT_EQ(Tool().Raw(LUS_IOCTL_BLOCK_PORTS, payload, 0), HYK_NO_MEMORY);   // no zero-byte buffer
+   EXPECT_EQ(Var<uint32_t>("startOutageTime"), 11u);
+
+   hyksim::AdvanceClock(6'000'000);
+   EXPECT_NE(Tool().RawAt(LUS_IOCTL_BLOCK_PORTS, 0, static_cast<uint32_t>(payload.size())), HYK_OK);
+   EXPECT_EQ(ErrLines("CharDevLUSBlockPorts", HYK_BAD_ADDRESS, "Failed to copy ioctl data : Invalid address"), 1u);
+   EXPECT_EQ(Var<uint32_t>("startOutageTime"), 17u);
+
+   hyksim::AdvanceClock(4'000'000);
+   hyksim::InjectFault({.op = "hyk_HeapAllocWithRA", .status = HYK_NO_MEMORY, .nth = 1});
+   EXPECT_EQ(Tool().Raw(LUS_IOCTL_BLOCK_PORTS, payload), HYK_NO_MEMORY);
+   EXPECT_EQ(Var<uint32_t>("startOutageTime"), 21u);
+   EXPECT_EQ(Var<uint32_t>("maxAllowedOutageTime"), 0u);
+}
+
 TEST_F(DeviceEdgeTest, BlockCommandPassesFlagZeroAtFabricVersion106AndOneAt107) {
    Load();
    AddSwitch("ps-106", 106);

@@ -73,6 +73,22 @@ TEST_F(PsUpgradeEndToEndTest, CswitchAndEtherswitchPortsetsAreUpgradedWithTheirS
       EXPECT_EQ(pv->blocked.size(), 1u) << p;
       EXPECT_TRUE(pv->passesTraffic) << p;
    }
+   // What became of each port's saved bytes: handed to the new twin, or
+   // reported dropped with their exact size -- one of the two, once.
+   for (hyk_PortID p : all) {
+      for (const ClientPair *pair : {&fw, &stats}) {
+         const std::string name = pair->from->config().clientName;
+         auto saved = pair->from->saved.find(p);
+         ASSERT_NE(saved, pair->from->saved.end()) << name << " port " << p;
+         const bool restored = pair->to->restored.count(p) != 0;
+         const size_t drops = hyksim::LogCount("Dropped saved state of port 0x" + Hex(p) + " client " + name + ": " +
+                                        std::to_string(saved->second.size()) + " bytes never restored");
+         EXPECT_EQ((restored ? 1u : 0u) + drops, 1u) << name << " port " << p;
+         if (restored) {
+            EXPECT_EQ(pair->to->restored.at(p), saved->second) << name << " port " << p;
+         }
+      }
+   }
 
    // Nothing of either upgrade is left behind; the clients stay for the next portset.
    EXPECT_TRUE(PsRecords().empty());

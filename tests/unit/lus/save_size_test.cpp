@@ -208,6 +208,30 @@ TEST_F(RuntimeSizeTest, V1FailingClientDropsItsPortFromBothMapsAndTheWalkGoesOn)
              5u);  // prefetch and getSize of two ports, prefetch of the failing one
 }
 
+// A port that has clients of both phases is in both maps; a failing size
+// takes it out of both, and only it.
+TEST_F(RuntimeSizeTest, V1FailingClientDropsAPortOfBothPhasesFromBothMaps) {
+   LoadNew(5);
+   auto alpha = Pair("alpha");
+   Pair("gamma", [](TestClientConfig &c) { c.upgradePhase = LUS_PHASE_PORT; });
+   auto ports = MakePortset("ps0", 2);
+   EnrolV1("ps0");
+   LusHashMap *psMap = Var<LusHashMap *>("lusHashMap");
+   LusHashMap *portMap = Var<LusHashMap *>("lusPerPortHashMap");
+   ASSERT_EQ(psMap->count, 2u);
+   ASSERT_EQ(portMap->count, 2u);
+   ASSERT_NE(PortV1("lusPerPortHashMap", ports[0]), nullptr);
+
+   alpha.from->config().result[kGetSize] = HYK_FAILURE;
+   EXPECT_EQ(Visit("LUS_GetTotalSizeV1", ports[0]), HYK_OK);
+   EXPECT_EQ(PortV1("lusHashMap", ports[0]), nullptr);
+   EXPECT_EQ(PortV1("lusPerPortHashMap", ports[0]), nullptr);
+   EXPECT_EQ(psMap->count, 1u);
+   EXPECT_EQ(portMap->count, 1u);
+   EXPECT_NE(PortV1("lusHashMap", ports[1]), nullptr);
+   EXPECT_NE(PortV1("lusPerPortHashMap", ports[1]), nullptr);
+}
+
 TEST_F(RuntimeSizeTest, V1ClientWithoutSaveCallbackFailsItsPortEvenWhenInactive) {
    LoadNew();
    Pair("fw");

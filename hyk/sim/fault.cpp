@@ -2,10 +2,15 @@
 //
 // Every fallible hyk_ operation calls FaultCheck first.  It counts the call,
 // appends it to the trace when tracing is on, and asks the injected
-// faults whether this call fails.  A sweep driver runs a scenario once to
+// faults whether this call fails.  While no fault is injected and no trace
+// taken (an upgrade's ordinary run), a call only bumps its operation's
+// counter, found through a small table keyed by the address of the
+// operation's name: no lock, no string hashing on the module's hot paths.  A sweep driver runs a scenario once to
 // count the calls, then again failing call k for every k; each injected
 // failure is logged by the host and passes through hyksim_FaultInjected, the
 // function to put a breakpoint on.
+#include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -36,9 +41,26 @@ struct ActiveSpec {
 };
 
 struct OpCounters {
-   uint64_t calls = 0;
-   uint64_t injected = 0;
+   std::atomic<uint64_t> calls{0};
+   uint64_t injected = 0;   // under FaultState::mu
 };
+
+// The fast path's table: an operation's name (the address its call site
+// passes) and its counters, which live as long as the process (a host reset
+// zeroes them, it never frees them).
+struct FastEntry {
+   const char *op;
+   OpCounters *counters;
+};
+constexpr size_t kFastSlots = 1024;
+std::atomic<const FastEntry *> gFast[kFastSlots];
+// Set while a fault is injected or a trace is taken: every call then takes the lock.
+std::atomic<bool> gSlowPath{false};
+
+size_t FastSlotOf(const char *op) {
+   auto v = reinterpret_cast<uintptr_t>(op);
+   return (v >> 3 ^ v >> 13) % kFastSlots;
+}
 
 struct FaultState {
    std::mutex mu;
@@ -47,6 +69,7 @@ struct FaultState {
    uint64_t injectedTotal = 0;
    bool tracing = false;
    std::vector<std::string> trace;
+   std::vector<std::unique_ptr<FastEntry>> fastEntries;   // every entry ever published
 };
 
 FaultState &State() {
@@ -83,17 +106,37 @@ bool SpecFires(ActiveSpec &a) {
    return false;
 }
 
-OpCounters &CountersFor(FaultState &s, std::string_view op) {
-   auto it = s.ops.find(op);
+// Under s.mu.
+OpCounters &CountersFor(FaultState &s, const char *op) {
+   auto it = s.ops.find(std::string_view(op));
    if (it == s.ops.end()) {
-      it = s.ops.emplace(std::string(op), OpCounters{}).first;
+      it = s.ops.try_emplace(std::string(op)).first;
+   }
+   // Publish this call site's name for the fast path (unordered_map nodes do not move).
+   std::atomic<const FastEntry *> &slot = gFast[FastSlotOf(op)];
+   const FastEntry *cur = slot.load(std::memory_order_acquire);
+   if (cur == nullptr || cur->op != op) {
+      s.fastEntries.push_back(std::make_unique<FastEntry>(FastEntry{op, &it->second}));
+      slot.store(s.fastEntries.back().get(), std::memory_order_release);
    }
    return it->second;
+}
+
+// Under s.mu.
+void UpdateSlowPath(const FaultState &s) {
+   gSlowPath.store(s.tracing || !s.descs.empty(), std::memory_order_release);
 }
 
 }  // namespace
 
 bool FaultCheck(const char *op, hyk_Status *status) {
+   if (!gSlowPath.load(std::memory_order_acquire)) {
+      const FastEntry *e = gFast[FastSlotOf(op)].load(std::memory_order_acquire);
+      if (e != nullptr && e->op == op) {
+         e->counters->calls.fetch_add(1, std::memory_order_relaxed);
+         return false;
+      }
+   }
    FaultState &s = State();
    hyk_Status chosen = HYK_OK;
    uint64_t callNo = 0;
@@ -101,7 +144,7 @@ bool FaultCheck(const char *op, hyk_Status *status) {
    {
       std::lock_guard<std::mutex> lk(s.mu);
       OpCounters &c = CountersFor(s, op);
-      callNo = ++c.calls;
+      callNo = c.calls.fetch_add(1, std::memory_order_relaxed) + 1;
       if (s.tracing) {
          s.trace.emplace_back(op);
       }
@@ -137,11 +180,13 @@ void InjectFault(const FaultSpec &desc) {
    a.rng = desc.seed;
    std::lock_guard<std::mutex> lk(State().mu);
    State().descs.push_back(a);
+   UpdateSlowPath(State());
 }
 
 void ClearFaults() {
    std::lock_guard<std::mutex> lk(State().mu);
    State().descs.clear();
+   UpdateSlowPath(State());
 }
 
 uint64_t InjectedFaultCount(const std::string &op) {
@@ -158,7 +203,7 @@ uint64_t CallCount(const std::string &op) {
    FaultState &s = State();
    std::lock_guard<std::mutex> lk(s.mu);
    auto it = s.ops.find(op);
-   return it == s.ops.end() ? 0 : it->second.calls;
+   return it == s.ops.end() ? 0 : it->second.calls.load(std::memory_order_relaxed);
 }
 
 std::map<std::string, uint64_t> CallCounts() {
@@ -166,7 +211,10 @@ std::map<std::string, uint64_t> CallCounts() {
    std::lock_guard<std::mutex> lk(s.mu);
    std::map<std::string, uint64_t> out;
    for (const auto &[op, c] : s.ops) {
-      out[op] = c.calls;
+      const uint64_t calls = c.calls.load(std::memory_order_relaxed);
+      if (calls != 0) {   // a reset zeroes counters rather than forgetting operations
+         out[op] = calls;
+      }
    }
    return out;
 }
@@ -174,6 +222,7 @@ std::map<std::string, uint64_t> CallCounts() {
 void TraceEnable(bool on) {
    std::lock_guard<std::mutex> lk(State().mu);
    State().tracing = on;
+   UpdateSlowPath(State());
 }
 
 void TraceClear() {
@@ -191,11 +240,16 @@ namespace core {
 void FaultsReset() {
    FaultState &s = State();
    std::lock_guard<std::mutex> lk(s.mu);
-   s.ops.clear();
+   // The fast path's entries point at these counters: zeroed, never freed.
+   for (auto &[op, c] : s.ops) {
+      c.calls.store(0, std::memory_order_relaxed);
+      c.injected = 0;
+   }
    s.descs.clear();
    s.injectedTotal = 0;
    s.tracing = false;
    s.trace.clear();
+   UpdateSlowPath(s);
 }
 
 }  // namespace core

@@ -46,9 +46,17 @@ struct Shard {
    std::unordered_map<void *, hyk_HeapID> freed;
 };
 
+// Live heaps by ID for the allocation paths: no lock and no reference
+// count per call.  A heap object stays allocated for the rest of its host
+// life (Registry::everyHeap) after its destruction, so a pointer read here
+// never dangles.
+constexpr hyk_HeapID kFastHeaps = 4096;
+std::atomic<Heap *> gLiveHeap[kFastHeaps];
+
 struct Registry {
    std::shared_mutex mu;
    std::map<hyk_HeapID, std::shared_ptr<Heap>> heaps;
+   std::vector<std::shared_ptr<Heap>> everyHeap;   // of this host life
    std::map<hyk_HeapID, std::string> names;  // every heap of this host life, for messages
    hyk_HeapID next = 1;
    std::mutex reportsMu;
@@ -70,6 +78,14 @@ std::shared_ptr<Heap> Find(hyk_HeapID id) {
    std::shared_lock<std::shared_mutex> lk(Reg().mu);
    auto it = Reg().heaps.find(id);
    return it == Reg().heaps.end() ? nullptr : it->second;
+}
+
+// The live heap `id`, or null; valid for the rest of the host life.
+Heap *FindLive(hyk_HeapID id) {
+   if (id < kFastHeaps) {
+      return gLiveHeap[id].load(std::memory_order_acquire);
+   }
+   return Find(id).get();
 }
 
 std::string HeapName(hyk_HeapID id) {
@@ -170,6 +186,9 @@ std::shared_ptr<Heap> Remove(hyk_HeapID id) {
    }
    auto h = it->second;
    Reg().heaps.erase(it);
+   if (id < kFastHeaps) {
+      gLiveHeap[id].store(nullptr, std::memory_order_release);
+   }
    return h;
 }
 
@@ -235,6 +254,9 @@ void HeapsReset() {
       std::unique_lock<std::shared_mutex> lk(Reg().mu);
       for (auto &[id, h] : Reg().heaps) {
          heaps.push_back(h);
+         if (id < kFastHeaps) {
+            gLiveHeap[id].store(nullptr, std::memory_order_release);
+         }
       }
       Reg().heaps.clear();
    }
@@ -250,6 +272,7 @@ void HeapsClearHistory() {
       std::unique_lock<std::shared_mutex> lk(Reg().mu);
       Reg().names.clear();
       Reg().next = 1;
+      Reg().everyHeap.clear();   // the host is between lives: nobody allocates
    }
    for (Shard &s : Reg().shards) {
       std::lock_guard<std::mutex> lk(s.mu);
@@ -304,6 +327,10 @@ extern "C" hyk_Status hyk_HeapCreate(const hyk_HeapProps *props, hyk_HeapID *hea
    h->id = Reg().next++;
    Reg().heaps[h->id] = h;
    Reg().names[h->id] = h->name;
+   Reg().everyHeap.push_back(h);
+   if (h->id < kFastHeaps) {
+      gLiveHeap[h->id].store(h.get(), std::memory_order_release);
+   }
    *heap = h->id;
    return HYK_OK;
 }
@@ -322,7 +349,7 @@ extern "C" hyk_Status hyk_HeapDestroy(hyk_HeapID heap) {
 extern "C" void *hyk_HeapAllocWithRA(hyk_HeapID heap, uint32_t size, void *ra) {
    hyk_Status injected;
    bool fail = FaultCheck("hyk_HeapAllocWithRA", &injected);
-   auto h = Find(heap);
+   Heap *h = FindLive(heap);
    if (h == nullptr || size == 0) {
       return nullptr;
    }
@@ -348,7 +375,7 @@ extern "C" void hyk_HeapFree(hyk_HeapID heap, void *mem) {
    if (mem == nullptr) {
       return;
    }
-   auto h = Find(heap);
+   Heap *h = FindLive(heap);
    if (h == nullptr) {
       Panic("hyk_HeapFree: %p freed to invalid heap %#llx", mem,
             static_cast<unsigned long long>(heap));

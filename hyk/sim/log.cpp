@@ -37,8 +37,9 @@ constexpr uint64_t kThrottleBurst = 100;
 constexpr uint64_t kThrottleKeepOneIn = 10;
 // Formatting is deferred: the logger thread formats a batch when a reader
 // asks (every reader of the log flushes first), when the backlog grows past
-// kBacklogBytes, when the host stops, when no line has come for kQuiet, or
-// at the latest kFormatDelay after the batch's first line.  A burst of lines
+// kBacklogBytes, or when the host stops; and, only when the host writes a
+// log file, also when no line has come for kQuiet or at the latest
+// kFormatDelay after the batch's first line.  A burst of lines
 // (an upgrade's per-port lines) thus costs its callers the capture alone,
 // and its formatting runs after the burst, not beside it.  The log file lags
 // by at most kFormatDelay.
@@ -185,6 +186,11 @@ void LoggerMain() {
    Sink &s = TheSink();
    std::string batch;
    for (;;) {
+      bool toFile;
+      {
+         std::lock_guard<std::mutex> lk(s.mu);
+         toFile = s.file != nullptr;
+      }
       {
          std::unique_lock<std::mutex> lk(q.mu);
          while (q.pending.empty() && !q.stopping) {
@@ -195,10 +201,12 @@ void LoggerMain() {
          // Let the batch gather (see kFormatDelay): a caller that finds the
          // logger gathering does not pay for waking it.
          const auto start = std::chrono::steady_clock::now();
-         for (uint64_t seen = q.enqueued;; seen = q.enqueued) {
-            if (q.cv.wait_for(lk, kQuiet, [&] {
-                   return q.stopping || q.flushWanted || q.pending.size() >= kBacklogBytes;
-                })) {
+         auto wanted = [&] { return q.stopping || q.flushWanted || q.pending.size() >= kBacklogBytes; };
+         if (!toFile) {
+            q.cv.wait(lk, wanted);   // nobody needs the text before a reader asks
+         }
+         for (uint64_t seen = q.enqueued; toFile && !wanted(); seen = q.enqueued) {
+            if (q.cv.wait_for(lk, kQuiet, wanted)) {
                break;
             }
             if (q.enqueued == seen || std::chrono::steady_clock::now() - start >= kFormatDelay) {

@@ -15,6 +15,8 @@
 //   build/default/bench/lus_upgrade_bench                  the default series
 //   build/default/bench/lus_upgrade_bench --help
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <time.h>
 
 #include <algorithm>
@@ -129,7 +131,78 @@ class Run {
   public:
    Run(const Point &p, const std::string &moduleDir) : p_(p), dir_(moduleDir) {}
 
+   // The upgrade and the floor each run in a process of their own, so that
+   // neither finds memory the other (or an earlier point) left warm.
    Result Go() {
+      Result r;
+      r.p = p_;
+      try {
+         nlohmann::json up = nlohmann::json::parse(InChild([this] { return Upgrade().dump(); }));
+         r.ok = up.at("ok");
+         r.why = up.value("why", "");
+         r.blackoutWallMs = up.at("blackoutWallMs");
+         r.blackoutCpuMs = up.at("blackoutCpuMs");
+         r.outageP50Ms = up.at("p50");
+         r.outageP99Ms = up.at("p99");
+         r.outageMaxMs = up.at("max");
+         for (const auto &[k, v] : up.at("stepWallMs").items()) r.stepWallMs[k] = v;
+         for (const auto &[k, v] : up.at("stepCpuMs").items()) r.stepCpuMs[k] = v;
+         if (r.ok) {
+            nlohmann::json fl = nlohmann::json::parse(InChild([this] {
+               hyksim::HostStart({});
+               Floor f = MeasureFloor(p_.Records(), p_.portsetFlow ? 64 : p_.bytes);
+               hyksim::HostStop();
+               return nlohmann::json{{"wallMs", f.wallMs}, {"cpuMs", f.cpuMs}}.dump();
+            }));
+            r.floor = {fl.at("wallMs"), fl.at("cpuMs")};
+         }
+      } catch (const std::exception &e) {
+         r.ok = false;
+         r.why = e.what();
+      }
+      return r;
+   }
+
+  private:
+   // Runs `fn` in a forked child and returns what it returned.
+   template <class F>
+   static std::string InChild(F fn) {
+      int fds[2];
+      if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
+      std::cout << std::flush;
+      std::cerr << std::flush;
+      pid_t pid = fork();
+      if (pid < 0) throw std::runtime_error("fork failed");
+      if (pid == 0) {
+         close(fds[0]);
+         std::string out;
+         try {
+            out = fn();
+         } catch (const std::exception &e) {
+            out = nlohmann::json{{"ok", false}, {"why", e.what()}}.dump();
+         }
+         for (size_t off = 0; off < out.size();) {
+            ssize_t n = write(fds[1], out.data() + off, out.size() - off);
+            if (n <= 0) _exit(3);
+            off += static_cast<size_t>(n);
+         }
+         _exit(0);
+      }
+      close(fds[1]);
+      std::string out;
+      char buf[65536];
+      for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
+      close(fds[0]);
+      int status = 0;
+      waitpid(pid, &status, 0);
+      if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || out.empty()) {
+         throw std::runtime_error(fmt::format("the measuring process ended abnormally (status {})", status));
+      }
+      return out;
+   }
+
+   // One upgrade on a fresh host, as JSON.
+   nlohmann::json Upgrade() {
       Result r;
       r.p = p_;
       hyksim::HostOptions o;
@@ -145,15 +218,18 @@ class Run {
       }
       interp_.reset();
       hyksim::HostStop();
-      if (r.ok || r.why.empty()) {
-         hyksim::HostStart({});
-         r.floor = MeasureFloor(p_.Records(), p_.portsetFlow ? 64 : p_.bytes);
-         hyksim::HostStop();
-      }
-      return r;
+      nlohmann::json j = {{"ok", r.ok},
+                          {"why", r.why},
+                          {"blackoutWallMs", r.blackoutWallMs},
+                          {"blackoutCpuMs", r.blackoutCpuMs},
+                          {"p50", r.outageP50Ms},
+                          {"p99", r.outageP99Ms},
+                          {"max", r.outageMaxMs},
+                          {"stepWallMs", r.stepWallMs},
+                          {"stepCpuMs", r.stepCpuMs}};
+      return j;
    }
 
-  private:
    void Line(const std::string &line) {
       std::string why = interp_->Execute(line);
       if (!why.empty()) throw std::runtime_error(line + ": " + why);

@@ -56,12 +56,18 @@ const char *ParseLength(const char *q, Len *len) {
    }
 }
 
+// A printf flag character ("-+ #0'I"): tested per character of every
+// conversion of every captured line, so no library call.
+inline bool IsFlag(char c) {
+   return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0' || c == '\'' || c == 'I';
+}
+
 // Parses the conversion at p (which points at '%').  false for a malformed
 // or positional conversion.
 bool ParseSpec(const char *p, Conversion *s) {
    s->begin = p;
    const char *q = p + 1;
-   while (*q != '\0' && strchr("-+ #0'I", *q) != nullptr) {
+   while (IsFlag(*q)) {
       q++;
    }
    if (*q == '*') {

@@ -1,5 +1,7 @@
 // fault_test.cpp -- fault injection (by name, nth call, every call, seeded
 // probability, count limit) and the host-call trace.
+#include <atomic>
+#include <thread>
 #include <vector>
 
 #include "hyk_test_support.h"
@@ -210,6 +212,46 @@ TEST_F(FaultTest, TraceListsCallsInOrder) {
    auto counts = hyksim::CallCounts();
    EXPECT_EQ(counts["hyk_HeapCreate"], 1u);
    EXPECT_EQ(counts["hyk_LockDomainDestroy"], 1u);
+}
+
+// Calls are counted without a lock while nothing is injected and with one
+// while something is: from several threads, with a fault injected and
+// cleared meanwhile, every call is counted once and the fault still fires
+// on exactly the calls it names.
+TEST_F(FaultTest, CallsFromManyThreadsAreCountedExactlyAcrossInjectionAndClearing) {
+   hyk_LogHandle log = 0;
+   hyk_LogProps props{};
+   props.name = "counted";
+   props.defaultLevel = 0;
+   ASSERT_EQ(hyk_LogRegister(&props, &log), HYK_OK);
+   const uint64_t before = hyksim::CallCount("hyk_LogSetLevel");
+   constexpr int kThreads = 4, kCalls = 20000;
+   std::atomic<int> failed{0};
+   std::atomic<bool> go{false};
+   std::vector<std::thread> threads;
+   for (int t = 0; t < kThreads; t++) {
+      threads.emplace_back([&] {
+         while (!go.load()) {
+         }
+         for (int i = 0; i < kCalls; i++) {
+            if (hyk_LogSetLevel(log, 0) != HYK_OK) failed++;
+         }
+      });
+   }
+   go = true;
+   hyksim::FaultSpec desc;
+   desc.op = "hyk_LogSetLevel";
+   desc.every = true;
+   desc.count = 100;
+   hyksim::InjectFault(desc);
+   for (auto &t : threads) t.join();
+   hyksim::ClearFaults();
+   EXPECT_EQ(hyksim::CallCount("hyk_LogSetLevel") - before, uint64_t(kThreads) * kCalls);
+   EXPECT_EQ(static_cast<uint64_t>(failed.load()), hyksim::InjectedFaultCount("hyk_LogSetLevel"));
+   EXPECT_LE(failed.load(), 100);
+   // And after the clearing, the lock-free counting goes on where it was.
+   EXPECT_EQ(hyk_LogSetLevel(log, 0), HYK_OK);
+   EXPECT_EQ(hyksim::CallCount("hyk_LogSetLevel") - before, uint64_t(kThreads) * kCalls + 1);
 }
 
 TEST_F(FaultTest, HostStartForgetsFaultsAndCounts) {

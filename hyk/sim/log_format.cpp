@@ -62,6 +62,18 @@ inline bool IsFlag(char c) {
    return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0' || c == '\'' || c == 'I';
 }
 
+// A conversion character this host formats ("diouxXcCsSpneEfFgGaA%").
+inline bool IsConversion(char c) {
+   switch (c) {
+   case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'c': case 'C': case 's':
+   case 'S': case 'p': case 'n': case 'e': case 'E': case 'f': case 'F': case 'g': case 'G':
+   case 'a': case 'A': case '%':
+      return true;
+   default:
+      return false;
+   }
+}
+
 // Parses the conversion at p (which points at '%').  false for a malformed
 // or positional conversion.
 bool ParseSpec(const char *p, Conversion *s) {
@@ -97,14 +109,16 @@ bool ParseSpec(const char *p, Conversion *s) {
    }
    q = ParseLength(q, &s->len);
    s->conv = *q;
-   if (s->conv == '\0' || strchr("diouxXcCsSpneEfFgGaA%", s->conv) == nullptr) {
+   if (!IsConversion(s->conv)) {
       return false;
    }
    s->end = q + 1;
    return true;
 }
 
-bool IsIntConv(char c) { return strchr("diouxX", c) != nullptr; }
+bool IsIntConv(char c) {
+   return c == 'd' || c == 'i' || c == 'o' || c == 'u' || c == 'x' || c == 'X';
+}
 bool IsWideChar(const Conversion &s) { return s.conv == 'C' || (s.conv == 'c' && s.len == Len::kL); }
 bool IsWideStr(const Conversion &s) { return s.conv == 'S' || (s.conv == 's' && s.len == Len::kL); }
 

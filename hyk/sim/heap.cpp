@@ -8,6 +8,7 @@
 // heap and a double free, and what the report at destroy lists.
 #include <dlfcn.h>
 
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <map>
@@ -40,10 +41,19 @@ struct Alloc {
    void *ra;
 };
 
+// The last frees of a shard, newest last: what tells a double free from a
+// free of something never allocated.  A ring, so that freeing costs no
+// allocation of the host's own; only the panic path searches it.
+struct Freed {
+   void *mem = nullptr;
+   hyk_HeapID heap = 0;
+};
+
 struct Shard {
    std::mutex mu;
    std::unordered_map<void *, Alloc> live;
-   std::unordered_map<void *, hyk_HeapID> freed;
+   std::array<Freed, kFreedHistory> freed{};
+   size_t nextFreed = 0;
 };
 
 // Live heaps by ID for the allocation paths: no lock and no reference
@@ -199,19 +209,19 @@ HeapView ViewOf(const Heap &h) {
 }
 
 [[noreturn]] void BadFree(hyk_HeapID heap, void *mem, const Shard &s) {
-   auto f = s.freed.find(mem);
-   if (f != s.freed.end()) {
-      Panic("hyk_HeapFree: double free of %p to heap %s (already freed to heap %s)", mem,
-            HeapName(heap).c_str(), HeapName(f->second).c_str());
+   for (size_t i = 1; i <= kFreedHistory; i++) {
+      const Freed &f = s.freed[(s.nextFreed + kFreedHistory - i) % kFreedHistory];
+      if (f.mem == mem) {
+         Panic("hyk_HeapFree: double free of %p to heap %s (already freed to heap %s)", mem,
+               HeapName(heap).c_str(), HeapName(f.heap).c_str());
+      }
    }
    Panic("hyk_HeapFree: %p was never allocated from heap %s", mem, HeapName(heap).c_str());
 }
 
 void RememberFreed(Shard &s, void *mem, hyk_HeapID heap) {
-   if (s.freed.size() >= kFreedHistory) {
-      s.freed.clear();
-   }
-   s.freed[mem] = heap;
+   s.freed[s.nextFreed] = Freed{mem, heap};
+   s.nextFreed = (s.nextFreed + 1) % kFreedHistory;
 }
 
 }  // namespace
@@ -276,7 +286,8 @@ void HeapsClearHistory() {
    }
    for (Shard &s : Reg().shards) {
       std::lock_guard<std::mutex> lk(s.mu);
-      s.freed.clear();
+      s.freed.fill(Freed{});
+      s.nextFreed = 0;
    }
    std::lock_guard<std::mutex> lk(Reg().reportsMu);
    Reg().reports.clear();
@@ -367,7 +378,6 @@ extern "C" void *hyk_HeapAllocWithRA(hyk_HeapID heap, uint32_t size, void *ra) {
    Shard &s = ShardOf(mem);
    std::lock_guard<std::mutex> lk(s.mu);
    s.live[mem] = Alloc{heap, size, ra};
-   s.freed.erase(mem);
    return mem;
 }
 

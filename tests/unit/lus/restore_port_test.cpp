@@ -62,6 +62,28 @@ TEST_F(RestorePortTest, RecordAwaitingBothEventsIsRestoredOnlyWhenTheEnableEvent
    EXPECT_EQ(CountModuleLines(".*LUS block outage.*"), 1u);
 }
 
+// The mirror case: the enable event first.  A record that still waits for
+// an event of its own does not hold the port; only one that was due and
+// kept its state (a failed restore) would.
+TEST_F(RestorePortTest, RecordAwaitingTheUnblockEventDoesNotHoldThePortWhenEnabledFirst) {
+   LoadNew();
+   auto fw = Pair("fw", [](TestClientConfig &c) { c.legacyEdition = true; });
+   auto ports = MakePortset("ps0", 2);
+   SaveClassic({"ps0"}, ports, {fw}, 1);
+   ASSERT_EQ(FindV0("vm-0", 0, "fw")->requiredRestoreEvent, 0x3u);
+   ASSERT_EQ(hyksim::EnablePort(ports[0]), HYK_OK);
+   EXPECT_EQ(fw.to->Calls(kRuntimeRestore), 0u);
+   LusInstance *rec = FindV0("vm-0", 0, "fw");
+   ASSERT_NE(rec, nullptr);
+   EXPECT_EQ(rec->requiredRestoreEvent, 0x1u);
+   EXPECT_NE(rec->state, nullptr);
+   EXPECT_FALSE(Blocked(ports[0]));
+
+   ASSERT_EQ(PostUnblock("ps0", ports[0]), HYK_OK);
+   EXPECT_EQ(fw.to->restored.at(ports[0]), fw.from->saved.at(ports[0]));
+   EXPECT_EQ(FindV0("vm-0", 0, "fw"), nullptr);
+}
+
 TEST_F(RestorePortTest, ContainerPortIsUnblockedWithoutLookupOtherTypesAreLeftAlone) {
    LoadNew();
    auto fw = Pair("fw");

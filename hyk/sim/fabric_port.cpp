@@ -8,6 +8,8 @@
 // clock, independently of what the module believes.  A port passes traffic
 // only while its set of block reasons is empty; an interval opens when the
 // set goes from empty to non-empty and closes when it becomes empty again.
+#include <algorithm>
+
 #include "fabric_topology.h"
 
 namespace hyksim::fabric {
@@ -163,6 +165,7 @@ std::vector<PortView> Ports(const std::string &portset) {
          views.push_back(fabric::ViewOf(port, now));
       }
    }
+   std::sort(views.begin(), views.end(), [](const PortView &a, const PortView &b) { return a.id < b.id; });
    return views;
 }
 

@@ -64,8 +64,9 @@ struct Topology {
    std::mutex mu;
    std::condition_variable cv;
    std::map<std::string, std::shared_ptr<Portset>> portsets;
-   std::map<hyk_PortID, Port> ports;
-   std::map<hyk_VNICHandle, hyk_PortID> vnics;
+   // Looked up on every port call of a module: hashed (Ports() sorts its view).
+   std::unordered_map<hyk_PortID, Port> ports;
+   std::unordered_map<hyk_VNICHandle, hyk_PortID> vnics;
    std::unordered_map<const hyk_Portset *, Handle> handles;
    hyk_PortID nextPort = 1;
    uint64_t nextVnic = 1;

@@ -7,7 +7,47 @@
 namespace lustest {
 namespace {
 
-using ClientClearTest = LusTest;
+class ClientClearTest : public LusTest {
+  protected:
+   // Both maps filled (a portset-phase and a port-phase client on 3 ports),
+   // then the restore command fails at the nth call of `op` (the calls before
+   // are its registration's own); the clear that follows must leave the
+   // port-phase map alone.
+   void AbandonRestoreAt(const char *op, uint64_t nth, hyk_Status status, const char *line) {
+      Load({"fromBuild=1000"});
+      for (uint32_t phase : {LUS_PHASE_PORTSET, LUS_PHASE_PORT}) {
+         std::string n = phase ? "port" : "ps";
+         TestClientConfig from;
+         from.moduleName = n + "_old";
+         from.clientName = n;
+         from.buildNumber = kFromBuild;
+         from.upgradePhase = phase;
+         AddClient(from);
+         TestClientConfig to = from;
+         to.moduleName = n + "_new";
+         to.buildNumber = kToBuild;
+         AddClient(to);
+      }
+      MakePortset("ps0", 3);
+      SetPortsets({"ps0"});
+      ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
+      ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
+      ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
+      LusHashMap *psMap = Var<LusHashMap *>("lusHashMap");
+      LusHashMap *portMap = Var<LusHashMap *>("lusPerPortHashMap");
+      ASSERT_EQ(psMap->count, 3u);
+      ASSERT_EQ(portMap->count, 3u);
+
+      hyksim::InjectFault({.op = op, .status = status, .nth = nth});
+      using RestoreCommandFn = hyk_Status(uint8_t);
+      EXPECT_EQ(AsLus([] { return LusFn<RestoreCommandFn>("LUS_Restore")(0); }), status);
+      hyksim::ClearFaults();
+      EXPECT_EQ(hyksim::LogCount(line), 1u);
+      EXPECT_EQ(hyksim::LogCount("Clearing LUS Client data ..."), 1u);
+      EXPECT_EQ(psMap->count, 0u);
+      EXPECT_EQ(portMap->count, 3u);
+   }
+};
 
 const char *kClearing = "Clearing LUS Client data ...";
 
@@ -145,39 +185,11 @@ TEST_F(ClientClearTest, TimerPathEmptiesOnlyThePortsetPhaseMap) {
 // Like the timer, a restore command that gives up at a portset clears
 // without the port-phase map: that map belongs to a per-portset upgrade.
 TEST_F(ClientClearTest, AbandonedRestoreCommandEmptiesOnlyThePortsetPhaseMap) {
-   Load({"fromBuild=1000"});
-   for (uint32_t phase : {LUS_PHASE_PORTSET, LUS_PHASE_PORT}) {
-      std::string n = phase ? "port" : "ps";
-      TestClientConfig from;
-      from.moduleName = n + "_old";
-      from.clientName = n;
-      from.buildNumber = kFromBuild;
-      from.upgradePhase = phase;
-      AddClient(from);
-      TestClientConfig to = from;
-      to.moduleName = n + "_new";
-      to.buildNumber = kToBuild;
-      AddClient(to);
-   }
-   MakePortset("ps0", 3);
-   SetPortsets({"ps0"});
-   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
-   ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
-   ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
-   LusHashMap *psMap = Var<LusHashMap *>("lusHashMap");
-   LusHashMap *portMap = Var<LusHashMap *>("lusPerPortHashMap");
-   ASSERT_EQ(psMap->count, 3u);
-   ASSERT_EQ(portMap->count, 3u);
+   AbandonRestoreAt("hyk_PortsetAcquireByName", 2, HYK_NOT_FOUND, "Error acquiring portset during Restore ps0");
+}
 
-   // The registration inside acquires ps0 once; the walk's acquire fails.
-   hyksim::InjectFault({.op = "hyk_PortsetAcquireByName", .status = HYK_NOT_FOUND, .nth = 2});
-   using RestoreCommandFn = hyk_Status(uint8_t);
-   EXPECT_EQ(AsLus([] { return LusFn<RestoreCommandFn>("LUS_Restore")(0); }), HYK_NOT_FOUND);
-   EXPECT_EQ(hyksim::LogCount("Error acquiring portset during Restore ps0"), 1u);
-   hyksim::ClearFaults();
-   EXPECT_EQ(hyksim::LogCount(kClearing), 1u);
-   EXPECT_EQ(psMap->count, 0u);
-   EXPECT_EQ(portMap->count, 3u);
+TEST_F(ClientClearTest, FailedRestoreWalkEmptiesOnlyThePortsetPhaseMap) {
+   AbandonRestoreAt("hyk_PortsetForAllPorts", 3, HYK_FAILURE, "Restoring LUS Runtime data FAIL : Failure");
 }
 
 TEST_F(ClientClearTest, UnloadOfFromBuildModuleEmptiesBothMaps) {

@@ -465,3 +465,61 @@ TEST_F(DeviceCommandTest, CswitchEventsAcceptTrailingBytesAndRefuseTooManyPortse
 
 }  // namespace
 }  // namespace lustest
+
+namespace lustest {
+namespace {
+
+// The clear timer fires while a command holds the registry: the command
+// runs the clear as it lets go -- once, and like the timer's own clear,
+// without the port-phase map, which belongs to a per-portset upgrade.
+TEST_F(DeviceCommandTest, TimerFiringDuringACommandClearsAsItEndsWithoutThePortPhaseMap) {
+   Load({"fromBuild=1000"});
+   TestClient *psFrom = nullptr;
+   for (uint32_t phase : {LUS_PHASE_PORTSET, LUS_PHASE_PORT}) {
+      std::string n = phase ? "port" : "ps";
+      TestClientConfig from;
+      from.moduleName = n + "_old";
+      from.clientName = n;
+      from.buildNumber = kFromBuild;
+      from.upgradePhase = phase;
+      TestClient *c = AddClient(from);
+      if (phase == LUS_PHASE_PORTSET) psFrom = c;
+      TestClientConfig to = from;
+      to.moduleName = n + "_new";
+      to.buildNumber = kToBuild;
+      AddClient(to);
+   }
+   MakePortset("ps0", 3);
+   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
+   ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
+   ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
+   LusHashMap *psMap = Var<LusHashMap *>("lusHashMap");
+   LusHashMap *portMap = Var<LusHashMap *>("lusPerPortHashMap");
+   ASSERT_EQ(psMap->count, 3u);
+   ASSERT_EQ(portMap->count, 3u);
+   ASSERT_EQ(AsLus([] {
+                auto *cb = LusFn<TimerCBFn>("LUS_ClientClearTimerCB");
+                auto *timer = LusVar<hyk_TimerHandle>("lusTimer");
+                return LusFn<ScheduleTimerFn>("LUS_ScheduleTimer")(cb, nullptr, 120000000ull, 0, timer);
+             }),
+             HYK_OK);
+
+   bool fired = false;
+   size_t clearsInside = 0;
+   psFrom->config().onCall = [&](Slot slot) {
+      if (slot == kGlobalConfigSave && !fired) {
+         fired = true;
+         hyksim::AdvanceClock(120000000ull);
+         clearsInside = hyksim::LogCount("Clearing LUS Client data ...");
+      }
+   };
+   EXPECT_EQ(Tool().GlobalConfigSaveRestore(), HYK_OK);   // command 8
+   ASSERT_TRUE(fired);
+   EXPECT_EQ(clearsInside, 0u);   // deferred: the command held the registry
+   EXPECT_EQ(hyksim::LogCount("Clearing LUS Client data ..."), 1u);
+   EXPECT_EQ(psMap->count, 0u);
+   EXPECT_EQ(portMap->count, 3u);
+}
+
+}  // namespace
+}  // namespace lustest

@@ -39,6 +39,25 @@ TEST_F(SaveDriverTest, SaveSizesAndSavesEveryPortsetArmsTheTimerAndUnregisters) 
    EXPECT_EQ(Var<LusHashMap *>("lusHashMap")->count, 0u);
 }
 
+// The table keeps names of an earlier, longer list past the count: the save
+// sizes and saves the portsets of the list it was given, and only those.
+TEST_F(SaveDriverTest, SaveCoversTheCountedPortsetsNotNamesLeftPastTheCount) {
+   LoadNew();
+   auto fw = Pair("fw", [](TestClientConfig &c) { c.stateSize = 40; });
+   auto p0 = MakePortset("ps0", 2);
+   auto p1 = MakePortset("ps1", 2, 10);
+   SetPortsets({"ps0", "ps1"});
+   SetPortsets({"ps0"});
+   ASSERT_STREQ((*LusVar<char[128][128]>("lusPortset"))[1], "ps1");
+   ASSERT_EQ(Reg(0, LUS_REG_TO), HYK_OK);
+   ASSERT_EQ(Save(0), HYK_OK);
+   EXPECT_EQ(fw.from->saved.size(), 2u);
+   for (hyk_PortID p : p0) EXPECT_EQ(fw.from->saved.count(p), 1u) << p;
+   for (hyk_PortID p : p1) EXPECT_EQ(fw.from->saved.count(p), 0u) << p;
+   EXPECT_EQ(fw.from->Calls(kStateCollectionComplete), 1u);
+   EXPECT_EQ(ClientStateBytes(), 2u * 40u);
+}
+
 TEST_F(SaveDriverTest, PortsetThatCannotBeAcquiredFailsTheSizingPassAndClearsTheClients) {
    LoadNew();
    auto fw = Pair("fw");

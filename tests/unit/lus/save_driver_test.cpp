@@ -58,6 +58,41 @@ TEST_F(SaveDriverTest, SaveCoversTheCountedPortsetsNotNamesLeftPastTheCount) {
    EXPECT_EQ(ClientStateBytes(), 2u * 40u);
 }
 
+// The enrolment walks the rows below the count: a client gone since is not
+// enrolled on the next portset, nor even looked at.
+TEST_F(SaveDriverTest, EnrolmentDoesNotWalkARowLeftPastTheCount) {
+   LoadNew();
+   Pair("fw");
+   MakePortset("ps0", 1);
+   MakePortset("ps1", 1, 10);
+   EnrolV0({"ps0"});
+   RowOf(LUS_REG_FROM, "ghost");
+   const size_t ghostLines = hyksim::LogCount("ghost");   // its own registration and unregistration
+   SetPortsets({"ps1"});
+   ASSERT_EQ(Reg(0, LUS_REG_FROM), HYK_OK);
+   EXPECT_NE(FindV0("vm-10", 0, "fw"), nullptr);
+   EXPECT_EQ(FindV0("vm-10", 0, "ghost"), nullptr);
+   EXPECT_EQ(hyksim::LogCount("ghost"), ghostLines);
+}
+
+// The same for the enrolment of a portset in the per-portset upgrade.
+TEST_F(SaveDriverTest, PortsetEnrolmentDoesNotWalkARowLeftPastTheCount) {
+   LoadNew();
+   Pair("fw");
+   MakePortset("ps0", 2);
+   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
+   ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
+   RowOf(LUS_REG_FROM_V1, "ghost");
+   RowOf(LUS_REG_TO_V1, "ghost", /*stay=*/true);
+   ASSERT_EQ(AsLus([] { return LusFn<PortsetNameFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
+   EXPECT_EQ(Var<LusHashMap *>("lusHashMap")->count, 2u);
+   auto ports = hyksim::FindPortset("ps0")->ports;
+   for (hyk_PortID p : ports) {
+      EXPECT_NE(RecordV1(PortV1("lusHashMap", p), "fw"), nullptr) << p;
+      EXPECT_EQ(RecordV1(PortV1("lusHashMap", p), "ghost"), nullptr) << p;
+   }
+}
+
 TEST_F(SaveDriverTest, PortsetThatCannotBeAcquiredFailsTheSizingPassAndClearsTheClients) {
    LoadNew();
    auto fw = Pair("fw");

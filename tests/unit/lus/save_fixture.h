@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -64,6 +65,45 @@ class SaveRestoreTest : public LusTest {
    }
    ClientPair Pair(const std::string &name) {
       return Pair(name, [](TestClientConfig &) {});
+   }
+
+   // A row the client table keeps past its count: a client registered with
+   // `regType` through lus's registration entry (no enrolment) and, unless
+   // `stay`, unregistered again -- its name and callbacks stay in the row.
+   // Its callbacks fail the test if lus ever calls them.
+   ClientEntry *RowOf(uint32_t regType, const std::string &name, bool stay = false) {
+      TestClientConfig cfg;
+      cfg.moduleName = name + (stay ? "_stay" : "_gone");
+      cfg.clientName = name;
+      cfg.buildNumber = 4242;   // answers no registration event of lus
+      TestClient *c = AddClient(cfg);
+      ClientInfo info = {};
+      info.ops.getSize = [](void *, uint32_t, uint64_t *, uint64_t *) -> hyk_Status {
+         ADD_FAILURE() << "a row past the count was asked for a size";
+         return HYK_FAILURE;
+      };
+      info.ops.getRuntimeState = [](void *, uint32_t, void *, uint32_t, uint32_t *, uint64_t *) -> hyk_Status {
+         ADD_FAILURE() << "a row past the count was asked for its state";
+         return HYK_FAILURE;
+      };
+      info.ops.runtimeRestore = [](void *, uint32_t, void *, uint32_t, uint32_t) -> hyk_Status {
+         return HYK_OK;
+      };
+      info.upgradePhase = LUS_PHASE_PORTSET;
+      char nm[LUS_CLIENT_NAME_LEN] = {};
+      snprintf(nm, sizeof nm, "%s", name.c_str());
+      ClientEntry *h = nullptr;
+      Var<uint32_t>("currRegType") = regType;   // as during lus's registration event
+      EXPECT_EQ(AsLus([&] {
+                   return LusFn<std::remove_pointer_t<LusClientRegisterFn>>("lus_ClientRegister")(c->id(), nm,
+                                                                                                   &info, &h);
+                }),
+                HYK_OK);
+      Var<uint32_t>("currRegType") = 0;
+      if (!stay) {
+         EXPECT_EQ(AsLus([&] { return LusFn<hyk_Status(ClientEntry *)>("lus_ClientUnregister")(h); }), HYK_OK);
+      }
+      return h;
    }
 
    // Interface version 0: the new build registers, then the old build, which

@@ -151,6 +151,20 @@ TEST_F(RuntimeSizeTest, MissingRecordOfASavingClientIsNotFound) {
              1u);
 }
 
+// Rows are walked by the count: a client gone since leaves its row past the
+// count, and the walk never reaches it.
+TEST_F(RuntimeSizeTest, RowLeftPastTheCountIsNotWalked) {
+   LoadNew();
+   auto fw = Pair("fw");
+   auto ports = MakePortset("ps0", 1);
+   EnrolV0({"ps0"});
+   RowOf(LUS_REG_FROM, "ghost");
+   ASSERT_EQ(Var<int32_t>("numFromClients"), 1);
+   EXPECT_EQ(Visit("LUS_GetTotalSize", ports[0]), HYK_OK);
+   EXPECT_EQ(fw.from->Calls(kGetSize), 1u);
+   EXPECT_EQ(hyksim::LogCount("Error finding LUS client ghost"), 0u);
+}
+
 // ---- version 1 ---------------------------------------------------------------------
 
 TEST_F(RuntimeSizeTest, V1PortNotInTheMapReturnsZeroAndCallsNothing) {

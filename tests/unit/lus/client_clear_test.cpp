@@ -46,6 +46,7 @@ class ClientClearTest : public LusTest {
       EXPECT_EQ(hyksim::LogCount("Clearing LUS Client data ..."), 1u);
       EXPECT_EQ(psMap->count, 0u);
       EXPECT_EQ(portMap->count, 3u);
+      EXPECT_EQ(hyksim::FindPortset("ps0")->acquireCount, 0u);   // let go on the way out
    }
 };
 

@@ -1,5 +1,7 @@
 // Tests of the save driver (the save command's sequence) and of the
 // single-port save of the filter upgrade.
+#include <cstddef>
+
 #include "save_fixture.h"
 
 namespace lustest {
@@ -91,6 +93,33 @@ TEST_F(SaveDriverTest, PortsetEnrolmentDoesNotWalkARowLeftPastTheCount) {
       EXPECT_NE(RecordV1(PortV1("lusHashMap", p), "fw"), nullptr) << p;
       EXPECT_EQ(RecordV1(PortV1("lusHashMap", p), "ghost"), nullptr) << p;
    }
+}
+
+// The clear empties every bucket of the map, the last one included.
+TEST_F(SaveDriverTest, ClearEmptiesARecordInTheMapsLastBucket) {
+   LoadNew();
+   Pair("fw");
+   // A VM whose UUID hashes to the last of the map's buckets.
+   std::vector<uint8_t> storage(TARN_HASH_ALLOC_SIZE + 64);
+   auto *probe = reinterpret_cast<LusHashMap *>((reinterpret_cast<uintptr_t>(storage.data()) + 63) &
+                                                ~uintptr_t{63});
+   TarnHash_Init(probe, 0, LUS_UUID_LEN, offsetof(LusInstance, vmUUID), TARN_HASH_KEY_STRING);
+   int last = -1;
+   for (int n = 0; n < 4000000 && last < 0; n++) {
+      char uuid[LUS_UUID_LEN] = {};
+      snprintf(uuid, sizeof uuid, "vm-%d", n);
+      if ((TarnHash_HashKey(probe, uuid) & probe->bucketMask) == probe->bucketMask) last = n;
+   }
+   ASSERT_GE(last, 0);
+   MakePortset("ps0", 1, last);
+   EnrolV0({"ps0"});
+   LusHashMap *map = Var<LusHashMap *>("lusHashMap");
+   ASSERT_EQ(map->bucketMask, probe->bucketMask);
+   ASSERT_NE(FindV0("vm-" + std::to_string(last), 0, "fw"), nullptr);
+   ASSERT_EQ(map->count, 1u);
+   AsLus([] { LusFn<ClientClearFn>("LUS_ClientClear")(0); });
+   EXPECT_EQ(map->count, 0u);
+   EXPECT_EQ(FindV0("vm-" + std::to_string(last), 0, "fw"), nullptr);
 }
 
 TEST_F(SaveDriverTest, PortsetThatCannotBeAcquiredFailsTheSizingPassAndClearsTheClients) {

@@ -113,6 +113,31 @@ TEST_F(RestoreTriggerTest, EditionMigrationRestoresEveryPortWithBothEventsCounte
    EXPECT_EQ(Var<LusHashMap *>("lusHashMap")->count, 0u);
    EXPECT_EQ(fw.to->handle(), nullptr);
    EXPECT_EQ(Var<uint8_t>("lusTARNJRegistered"), 0u);
+   EXPECT_EQ(hyksim::LogCount("LUS Unregistration FAIL"), 0u);
+}
+
+// Records left (a portset not listed this time) keep the clients; the final
+// unregistration then fails, and that is what the command answers.
+TEST_F(RestoreTriggerTest, EditionMigrationReportsAFailedFinalUnregistration) {
+   LoadNew();
+   auto fw = Pair("fw", [](TestClientConfig &c) { c.legacyEdition = true; });
+   auto p0 = MakePortset("ps0", 1);
+   auto p1 = MakePortset("ps1", 1, 10);
+   SetPortsets({"ps0", "ps1"});
+   ASSERT_EQ(Reg(1, LUS_REG_TO), HYK_OK);
+   BlockPorts({p0[0], p1[0]});
+   ASSERT_EQ(Save(1), HYK_OK);
+   ASSERT_EQ(fw.from->Unload(), HYK_OK);
+   SetPortsets({"ps0"});
+   // The registration inside posts first; the unregistration at the end second.
+   hyksim::InjectFault({.op = "hyk_NetEventPost", .status = HYK_LIMIT_EXCEEDED, .nth = 2});
+   EXPECT_EQ(AsLus([] { return LusFn<EditionRestoreFn>("LUS_Restore")(1); }), HYK_LIMIT_EXCEEDED);
+   EXPECT_EQ(fw.to->restored.count(p0[0]), 1u);
+   EXPECT_EQ(fw.to->restored.count(p1[0]), 0u);
+   EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("LUS_Restore", HYK_LIMIT_EXCEEDED & 0xffff,
+                                              "LUS Unregistration FAIL : Limit exceeded"),
+                              1),
+             1u);
 }
 
 TEST_F(RestoreTriggerTest, EditionMigrationAbandonsAtAPortsetItCannotAcquire) {

@@ -455,6 +455,38 @@ TEST_F(PortMapRemovalTest, RemovingPortFreesSavedStateToItsOwnHeap) {
    EXPECT_EQ(hyksim::LogCount("with no state present"), 0u);
 }
 
+std::string HexOf(uint32_t v) {
+   char b[16];
+   snprintf(b, sizeof b, "%x", v);
+   return b;
+}
+
+// Whatever its size, down to one byte, a state removed with its port is reported dropped.
+TEST_F(PortMapRemovalTest, RemovingPortReportsTheStateItDropsDownToOneByte) {
+   Load({"fromBuild=1000"});
+   Pair("fw");
+   auto ports = MakePortset("ps0", 2);
+   RegisterV1();
+   ASSERT_EQ(RegAllPS("ps0"), HYK_OK);
+   LusHashMap *map = Var<LusHashMap *>("lusHashMap");
+   const uint32_t sizes[2] = {1, 256};
+   for (int i = 0; i < 2; i++) {
+      auto *rec = reinterpret_cast<LusClientInst *>(Port(map, ports[i])->clients.next);
+      hyk_HeapID used = 0;
+      rec->state = AsLus([&] { return LusFn<ClientStateAllocFn>("LUS_ClientStateAlloc")(sizes[i], &used); });
+      rec->stateHeap = used;
+      rec->stateLen = sizes[i];
+      AsLus([&] { LusFn<RemovePortV1Fn>("LUS_RemovePortFromMapV1")(map, ports[i]); });
+      EXPECT_EQ(CountModuleLines(PlainLineRe("lusDeleteEntryV1", "Dropped saved state of port 0x" + HexOf(ports[i]) +
+                                                                    " client fw: " + std::to_string(sizes[i]) +
+                                                                    " bytes never restored"),
+                                 3),
+                1u)
+         << sizes[i];
+   }
+   EXPECT_EQ(hyksim::FindHeap("lus_heap_1")->liveAllocations, 0u);
+}
+
 TEST_F(PortMapRemovalTest, AfterAllPortsAreRemovedInstanceCountIsBack) {
    Load({"fromBuild=1000"});
    Pair("fw");

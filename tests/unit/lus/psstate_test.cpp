@@ -161,6 +161,36 @@ TEST_F(PsStateTest, FailedCompletionIsReportedWithTheSaveWordingAndTheWalkGoesOn
    EXPECT_EQ(PsRecords()[0]->length, 0u);
 }
 
+TEST_F(PsStateTest, EveryRecordStartsEmpty) {
+   Pair("a", [](TestClientConfig &c) { c.psState = {1, 2}; });
+   Pair("b");
+   InitFor("ps0");
+   ASSERT_EQ(PsInit(), HYK_OK);
+   ASSERT_EQ(PsRecords().size(), 2u);
+   for (PsClientRecord *rec : PsRecords()) {
+      EXPECT_EQ(rec->length, 0u);
+      EXPECT_EQ(rec->buffer, nullptr);
+   }
+}
+
+// A client with nothing to be told at completion still has its record emptied by it.
+TEST_F(PsStateTest, CompletionEmptiesTheRecordOfAClientWithoutACompletionCallback) {
+   ClientPair quiet = Pair("quiet", [](TestClientConfig &c) {
+      c.psState = {5, 6};
+      c.slots[kPsRuntimeComplete] = false;
+   });
+   InitFor("ps0");
+   ASSERT_EQ(PsInit(), HYK_OK);
+   hyk_Portset *ps = Acquire();
+   ASSERT_EQ(PsSave(ps), HYK_OK);
+   ASSERT_EQ(PsRecords()[0]->length, 2u);
+   PsComplete(ps, LUS_COMPLETE_SUCCESS);
+   Release(ps);
+   EXPECT_EQ(PsRecords()[0]->length, 0u);
+   EXPECT_EQ(PsRecords()[0]->buffer, nullptr);
+   EXPECT_EQ(quiet.from->Calls(kPsRuntimeComplete), 0u);
+}
+
 TEST_F(PsStateTest, DestroyFreesEveryRecordButNotTheClientsBuffers) {
    ClientPair a = Pair("a", [](TestClientConfig &c) { c.psState = {1, 2}; });
    Pair("b", [](TestClientConfig &c) { c.psState = {3}; });

@@ -245,6 +245,28 @@ TEST_F(ClientClearTest, UnloadReportsAPortsetPhaseMapFilledAfterTheOnceOnlyClear
    EXPECT_TRUE(hyksim::LeakReports().empty());
 }
 
+// The same with version 0 records: freed at unload as what they are.
+TEST_F(ClientClearTest, UnloadFreesVersionZeroRecordsEnrolledAfterTheOnceOnlyClear) {
+   Load({"fromBuild=1000"});
+   AddClient("fw_old", kFromBuild, false, "fw");
+   AddClient("fw_new", kToBuild, false, "fw");
+   MakePortset("ps0", 3);
+   AsLus([] { LusFn<ClientClearFn>("LUS_ClientClear")(0); });
+   SetPortsets({"ps0"});
+   ASSERT_EQ(Reg(0, LUS_REG_TO), HYK_OK);
+   ASSERT_EQ(Reg(0, LUS_REG_FROM), HYK_OK);
+   ASSERT_EQ(Var<LusHashMap *>("lusHashMap")->count, 3u);
+   const size_t cleared = hyksim::LogCount("Client entry cleared: portID:");
+   const size_t freed = hyksim::LogCount("LUS hash table free'd");
+
+   ASSERT_EQ(UnloadLus(), HYK_OK);
+   EXPECT_EQ(hyksim::LogCount("Non empty LUS PS phase hash map : Not empty"), 1u);
+   EXPECT_EQ(hyksim::LogCount("Client entry cleared: portID:") - cleared, 3u);
+   // Emptied as a version 0 map, which says so.
+   EXPECT_EQ(hyksim::LogCount("LUS hash table free'd") - freed, 1u);
+   EXPECT_TRUE(hyksim::LeakReports().empty());
+}
+
 TEST_F(ClientClearTest, ScheduleFailureIsLoggedAndReturned) {
    Load();
    hyksim::FaultSpec desc;

@@ -43,6 +43,25 @@ class GlobalStateTest : public WorldTest {
    }
 };
 
+// The pass walks the old build's rows below the count, in use or not: when
+// an earlier client has gone, the count no longer reaches the last row, and
+// that client's configuration is not handed over (the registry keeps rows in
+// place; a later registration fills the next row).
+TEST_F(GlobalStateTest, PassWalksTheRowsBelowTheCountNotTheClientsInUse) {
+   ClientPair a = Pair("a", [](TestClientConfig &c) { c.globalConfig = {1}; });
+   ClientPair b = Pair("b", [](TestClientConfig &c) { c.globalConfig = {2, 2}; });
+   RegisterBoth();
+   ASSERT_EQ(Var<int32_t>("numFromClients"), 2);
+   ASSERT_EQ(AsLus([&] { return LusFn<hyk_Status(ClientEntry *)>("lus_ClientUnregister")(a.from->handle()); }),
+             HYK_OK);
+   ASSERT_EQ(Var<int32_t>("numFromClients"), 1);
+
+   EXPECT_EQ(GlobalConfig(), HYK_OK);
+   EXPECT_EQ(a.from->Calls(kGlobalConfigSave), 0u);   // row 0: no longer in use
+   EXPECT_EQ(b.from->Calls(kGlobalConfigSave), 0u);   // row 1: past the count
+   EXPECT_TRUE(b.to->globalRestored.empty());
+}
+
 TEST_F(GlobalStateTest, FromBuildOnlyClientIsSkippedAndAsTheLastItsLookupFailureIsReturned) {
    ClientPair a = Pair("a", [](TestClientConfig &c) { c.globalConfig = {1, 2, 3}; });
    TestClient *solo = FromOnly("solo");

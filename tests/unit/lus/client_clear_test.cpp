@@ -15,24 +15,8 @@ class ClientClearTest : public LusTest {
    // port-phase map alone.
    void AbandonRestoreAt(const char *op, uint64_t nth, hyk_Status status, const char *line) {
       Load({"fromBuild=1000"});
-      for (uint32_t phase : {LUS_PHASE_PORTSET, LUS_PHASE_PORT}) {
-         std::string n = phase ? "port" : "ps";
-         TestClientConfig from;
-         from.moduleName = n + "_old";
-         from.clientName = n;
-         from.buildNumber = kFromBuild;
-         from.upgradePhase = phase;
-         AddClient(from);
-         TestClientConfig to = from;
-         to.moduleName = n + "_new";
-         to.buildNumber = kToBuild;
-         AddClient(to);
-      }
-      MakePortset("ps0", 3);
+      FillBothMaps("ps0", 3);
       SetPortsets({"ps0"});
-      ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
-      ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
-      ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
       LusHashMap *psMap = Var<LusHashMap *>("lusHashMap");
       LusHashMap *portMap = Var<LusHashMap *>("lusPerPortHashMap");
       ASSERT_EQ(psMap->count, 3u);
@@ -154,23 +138,7 @@ TEST_F(ClientClearTest, TwoCallersAtOnceClearExactlyOnce) {
 
 TEST_F(ClientClearTest, TimerPathEmptiesOnlyThePortsetPhaseMap) {
    Load({"fromBuild=1000"});
-   for (uint32_t phase : {LUS_PHASE_PORTSET, LUS_PHASE_PORT}) {
-      std::string n = phase ? "port" : "ps";
-      TestClientConfig from;
-      from.moduleName = n + "_old";
-      from.clientName = n;
-      from.buildNumber = kFromBuild;
-      from.upgradePhase = phase;
-      AddClient(from);
-      TestClientConfig to = from;
-      to.moduleName = n + "_new";
-      to.buildNumber = kToBuild;
-      AddClient(to);
-   }
-   MakePortset("ps0", 3);
-   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
-   ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
-   ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
+   FillBothMaps("ps0", 3);
    LusHashMap *psMap = Var<LusHashMap *>("lusHashMap");
    LusHashMap *portMap = Var<LusHashMap *>("lusPerPortHashMap");
    ASSERT_EQ(psMap->count, 3u);

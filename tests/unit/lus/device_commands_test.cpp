@@ -474,25 +474,7 @@ namespace {
 // without the port-phase map, which belongs to a per-portset upgrade.
 TEST_F(DeviceCommandTest, TimerFiringDuringACommandClearsAsItEndsWithoutThePortPhaseMap) {
    Load({"fromBuild=1000"});
-   TestClient *psFrom = nullptr;
-   for (uint32_t phase : {LUS_PHASE_PORTSET, LUS_PHASE_PORT}) {
-      std::string n = phase ? "port" : "ps";
-      TestClientConfig from;
-      from.moduleName = n + "_old";
-      from.clientName = n;
-      from.buildNumber = kFromBuild;
-      from.upgradePhase = phase;
-      TestClient *c = AddClient(from);
-      if (phase == LUS_PHASE_PORTSET) psFrom = c;
-      TestClientConfig to = from;
-      to.moduleName = n + "_new";
-      to.buildNumber = kToBuild;
-      AddClient(to);
-   }
-   MakePortset("ps0", 3);
-   ASSERT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
-   ASSERT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
-   ASSERT_EQ(AsLus([] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")("ps0"); }), HYK_OK);
+   TestClient *psFrom = FillBothMaps("ps0", 3);
    LusHashMap *psMap = Var<LusHashMap *>("lusHashMap");
    LusHashMap *portMap = Var<LusHashMap *>("lusPerPortHashMap");
    ASSERT_EQ(psMap->count, 3u);

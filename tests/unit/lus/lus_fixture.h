@@ -73,6 +73,35 @@ class LusTest : public ::testing::Test {
       return clients_.back().get();
    }
 
+   // Both version 1 maps filled: a portset-phase client "ps" and a port-phase
+   // client "port" (each of both builds) registered with types 3 and 4 and
+   // enrolled on the `ports` ports of a new portset `portset`.  Returns the
+   // old build's portset-phase client.
+   TestClient *FillBothMaps(const std::string &portset, int ports) {
+      TestClient *psFrom = nullptr;
+      for (uint32_t phase : {LUS_PHASE_PORTSET, LUS_PHASE_PORT}) {
+         std::string n = phase ? "port" : "ps";
+         TestClientConfig from;
+         from.moduleName = n + "_old";
+         from.clientName = n;
+         from.buildNumber = kFromBuild;
+         from.upgradePhase = phase;
+         TestClient *c = AddClient(from);
+         if (phase == LUS_PHASE_PORTSET) psFrom = c;
+         TestClientConfig to = from;
+         to.moduleName = n + "_new";
+         to.buildNumber = kToBuild;
+         AddClient(to);
+      }
+      MakePortset(portset, ports);
+      EXPECT_EQ(Reg(0, LUS_REG_FROM_V1), HYK_OK);
+      EXPECT_EQ(Reg(0, LUS_REG_TO_V1), HYK_OK);
+      EXPECT_EQ(AsLus([&] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")(portset.c_str()); }), HYK_OK);
+      EXPECT_EQ(Var<LusHashMap *>("lusHashMap")->count, static_cast<uint32_t>(ports));
+      EXPECT_EQ(Var<LusHashMap *>("lusPerPortHashMap")->count, static_cast<uint32_t>(ports));
+      return psFrom;
+   }
+
    // The listed portsets, as the registration commands fill them.
    void SetPortsets(const std::vector<std::string> &names) {
       auto *table = LusVar<char[128][128]>("lusPortset");

@@ -45,7 +45,7 @@ constexpr uint64_t kThrottleKeepOneIn = 10;
 // by at most kFormatDelay.
 constexpr auto kQuiet = std::chrono::milliseconds(50);
 constexpr auto kFormatDelay = std::chrono::milliseconds(2000);
-constexpr size_t kBacklogBytes = size_t(32) << 20;
+constexpr size_t kBacklogBytes = size_t(256) << 20;
 
 enum : uint32_t { kSlotFree = 0, kSlotLive = 1, kSlotGone = 2 };
 

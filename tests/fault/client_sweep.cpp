@@ -156,11 +156,11 @@ class Child {
       }
       hyksim::TraceEnable(wantTrace);
       if (f_.mode == "once" || f_.mode == "from") {
-         hyksim::FaultSpec spec;
-         spec.op = f_.op;
-         spec.status = RealFailure(f_.op);
-         (f_.mode == "once" ? spec.nth : spec.from) = f_.nth;
-         hyksim::InjectFault(spec);
+         hyksim::FaultSpec fault;
+         fault.op = f_.op;
+         fault.status = RealFailure(f_.op);
+         (f_.mode == "once" ? fault.nth : fault.from) = f_.nth;
+         hyksim::InjectFault(fault);
       }
       auto host = lusctl::MakeSimHost(LUS_MODULES_DIR);
       lusctl::Environment env{host.get(), [] { return lusctl::MakeSimDevice(); }};
@@ -181,7 +181,7 @@ class Child {
       CheckPorts(flow, report);
       // lus still holds what it has not handed over until it unloads (its
       // clear then reports every buffer it drops), so the ledger is read last.
-      CheckCleanUp(*host);
+      CheckCleanUp();
       CheckLedger();
       Say(fmt::format("DONE {}", flow.ok ? "completed" : "failed"));
    }
@@ -255,7 +255,7 @@ class Child {
    }
 
    // lus unloads; no client module stays pinned; nothing is left in a heap.
-   void CheckCleanUp(lusctl::Host &host) {
+   void CheckCleanUp() {
       for (const auto &m : hyksim::Modules()) {
          if (m.name != "lus") continue;
          hyk_Status s = hyksim::UnloadModule("lus");
@@ -269,7 +269,6 @@ class Child {
          Finding("heaps-empty", fmt::format("heap {} destroyed with {} bytes in {} allocations", leak.heap, leak.bytes,
                                             leak.allocations));
       }
-      (void)host;
    }
 
    const Scenario &s_;

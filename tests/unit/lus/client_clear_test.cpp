@@ -185,16 +185,8 @@ TEST_F(ClientClearTest, UnloadOfFromBuildModuleEmptiesBothMaps) {
 
 TEST_F(ClientClearTest, UnloadReportsAPortsetPhaseMapFilledAfterTheOnceOnlyClear) {
    Load({"fromBuild=1000"});
-   TestClientConfig from;
-   from.moduleName = "ps_old";
-   from.clientName = "ps";
-   from.buildNumber = kFromBuild;
-   from.upgradePhase = LUS_PHASE_PORTSET;
-   AddClient(from);
-   TestClientConfig to = from;
-   to.moduleName = "ps_new";
-   to.buildNumber = kToBuild;
-   AddClient(to);
+   AddClient("ps_old", kFromBuild, false, "ps");   // portset phase, the default
+   AddClient("ps_new", kToBuild, false, "ps");
    MakePortset("ps0", 3);
    AsLus([] { LusFn<ClientClearFn>("LUS_ClientClear")(0); });
    ASSERT_EQ(hyksim::LogCount(kClearing), 1u);

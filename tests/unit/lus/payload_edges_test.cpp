@@ -75,6 +75,23 @@ class PayloadEdgesTest : public DeviceTest {
       if (length > payload.size() && length <= kMapped) payload.resize(length);
       return Tool().Raw(cmd, payload, static_cast<uint32_t>(length));
    }
+   // The intake of commands 6, 9, 13 and 14 for a payload of `length` bytes
+   // that covers what the command reads (`enough`) or not: no buffer, a size
+   // refusal, or taken.  Returns whether it was taken.
+   bool ExpectIntake(hyk_Status st, uint64_t length, bool enough) {
+      if (NoBuffer(length)) {
+         EXPECT_EQ(st, HYK_NO_MEMORY);
+         EXPECT_EQ(LinesWith("Could not allocate LUS memory for query : Out of memory"), 1u);
+         return false;
+      }
+      if (!enough) {
+         EXPECT_EQ(st, HYK_BAD_PARAM);
+         EXPECT_EQ(LinesWith("Invalid size of input query : Bad parameter"), 1u);
+         return false;
+      }
+      EXPECT_EQ(LinesWith("Invalid size"), 0u);
+      return true;
+   }
 };
 
 // ---- commands 6 and 14: the header's length -----------------------------------------------
@@ -87,17 +104,11 @@ TEST_F(PayloadEdgesTest, BlockAndCswitchEventsTakeTheLengthTheirRuleAllows) {
          Load({"fromBuild=1000"});
          const auto names = Portsets(2, cmd == LUS_IOCTL_CSWITCH_EVENTS ? "cswitch" : "etherswitch");
          const uint64_t live = Heap0Live();
-         const bool enough = cmd == LUS_IOCTL_BLOCK_PORTS ? length == exact : length >= exact;
+         const bool enough = length >= kHead && (cmd == LUS_IOCTL_BLOCK_PORTS ? length == exact : length >= exact);
          hyk_Status st = Issue(cmd, Query(names, 2), length);
-         if (NoBuffer(length)) {
-            EXPECT_EQ(st, HYK_NO_MEMORY);
-            EXPECT_EQ(LinesWith("Could not allocate LUS memory for query : Out of memory"), 1u);
-         } else if (length >= kHead && enough) {
+         if (ExpectIntake(st, length, enough)) {
             EXPECT_EQ(st, HYK_OK);
             EXPECT_EQ(LinesWith("Invalid"), 0u);
-         } else {
-            EXPECT_EQ(st, HYK_BAD_PARAM);
-            EXPECT_EQ(LinesWith("Invalid size of input query : Bad parameter"), 1u);
          }
          if (st != HYK_OK) {
             EXPECT_EQ(Heap0Live(), live);
@@ -197,17 +208,8 @@ TEST_F(PayloadEdgesTest, PortsetUpgradeNeedsTheHeadAndEveryModuleItCounts) {
       std::vector<uint8_t> q = lusctl::PsUpgradeQuery("ps-000", {lusctl::ModuleArg{true, LusID()}});
       memcpy(q.data(), &c.numModules, sizeof c.numModules);
       hyk_Status st = Issue(LUS_IOCTL_PS_UPGRADE, q, c.length);
-      const bool covered = c.length >= head && c.length >= LUS_PS_UPGRADE_QUERY_SIZE(c.numModules);
-      if (NoBuffer(c.length)) {
-         EXPECT_EQ(st, HYK_NO_MEMORY);
-         EXPECT_EQ(LinesWith("Could not allocate LUS memory for query : Out of memory"), 1u);
-      } else if (!covered) {
-         EXPECT_EQ(st, HYK_BAD_PARAM);
-         EXPECT_EQ(LinesWith("Invalid size of input query : Bad parameter"), 1u);
-      } else {
-         // Taken: whatever the world then answers, it was not a size refusal.
-         EXPECT_EQ(LinesWith("Invalid size"), 0u);
-      }
+      // Taken or not; when taken, whatever the world then answers is not a size refusal.
+      ExpectIntake(st, c.length, c.length >= head && c.length >= LUS_PS_UPGRADE_QUERY_SIZE(c.numModules));
       EXPECT_EQ(Heap0Live(), live);
       FreshHost();
    }
@@ -219,7 +221,7 @@ TEST_F(PayloadEdgesTest, UpgradePortReadsNineBytesWhateverTheLengthSays) {
    Load({"fromBuild=1000"});
    const std::vector<uint8_t> q = lusctl::UpgradePortQuery(0, 0x7777, 1);   // no such port
    ASSERT_EQ(q.size(), 9u);
-   Tool();
+   Tool();   // opened first: only the commands' own copies are counted
    const uint64_t before = hyksim::CallCount("hyk_CopyFromUser");
    const hyk_Status baseline = Tool().Raw(LUS_IOCTL_UPGRADE_PORT, q);
    const uint64_t perCommand = hyksim::CallCount("hyk_CopyFromUser") - before;
@@ -244,16 +246,7 @@ TEST_F(PayloadEdgesTest, FdpNeedsTheHeadAndOneWholeEntryAtEveryLength) {
       const uint64_t live = Heap0Live();
       std::vector<lusctl::PortsetArg> args = Names({"ps-000"});
       args[0].op = 0;
-      hyk_Status st = Issue(LUS_IOCTL_FDP_OP, lusctl::PortsetQuery(args, false, 0), length);
-      if (NoBuffer(length)) {
-         EXPECT_EQ(st, HYK_NO_MEMORY);
-         EXPECT_EQ(LinesWith("Could not allocate LUS memory for query : Out of memory"), 1u);
-      } else if (length < exact) {
-         EXPECT_EQ(st, HYK_BAD_PARAM);
-         EXPECT_EQ(LinesWith("Invalid size of input query : Bad parameter"), 1u);
-      } else {
-         EXPECT_EQ(LinesWith("Invalid size"), 0u);
-      }
+      ExpectIntake(Issue(LUS_IOCTL_FDP_OP, lusctl::PortsetQuery(args, false, 0), length), length, length >= exact);
       EXPECT_EQ(Heap0Live(), live);
       FreshHost();
    }

@@ -56,6 +56,7 @@ size_t LogComponentCount();
 
 // ---- heaps (heap.cpp) --------------------------------------------------------
 void HeapsReset();
+void HeapsUseOnePool();  // once per process, before the host's threads allocate
 void HeapsClearHistory();  // names, leak reports: kept from HostStop to the next HostStart
 void HeapsDropModule(hyk_ModuleID id, const std::string &name);
 size_t HeapCount();

@@ -120,7 +120,9 @@ hyk_Status RemovePort(hyk_PortID portID) {
    if (p == nullptr) {
       return HYK_NOT_FOUND;
    }
-   t.portsets.at(p->portset)->ports.erase(portID);
+   fabric::Portset &ps = *t.portsets.at(p->portset);
+   ps.ports.erase(portID);
+   ps.removals.fetch_add(1, std::memory_order_release);
    t.vnics.erase(p->vnic);
    t.ports.erase(portID);
    return HYK_OK;

@@ -292,6 +292,7 @@ hyk_Status RemovePortset(const std::string &name) {
       t.vnics.erase(t.ports[id].vnic);
       t.ports.erase(id);
    }
+   ps.removals.fetch_add(ps.ports.size(), std::memory_order_release);
    ps.removed = true;
    t.portsets.erase(it);
    t.cv.notify_all();
@@ -405,6 +406,7 @@ hyk_Status hyk_PortsetForAllPorts(hyk_Portset *ps, hyk_PortVisitor visitor, void
    Topology &t = Topo();
    std::vector<hyk_PortID> ids;
    std::shared_ptr<hyksim::fabric::Portset> portset;
+   uint64_t removals;
    {
       std::lock_guard<std::mutex> lk(t.mu);
       auto it = t.handles.find(ps);
@@ -413,9 +415,11 @@ hyk_Status hyk_PortsetForAllPorts(hyk_Portset *ps, hyk_PortVisitor visitor, void
       }
       portset = it->second.portset;
       ids.assign(portset->ports.begin(), portset->ports.end());
+      removals = portset->removals.load(std::memory_order_relaxed);
    }
    for (hyk_PortID id : ids) {
-      {
+      // A port removed during the walk is not visited.
+      if (portset->removals.load(std::memory_order_acquire) != removals) {
          std::lock_guard<std::mutex> lk(t.mu);
          if (portset->ports.count(id) == 0) {
             continue;

@@ -6,6 +6,7 @@
 // from anything the host calls.  Exclusive acquisition waits on `cv`.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -40,6 +41,9 @@ struct Portset {
    uint32_t fabricVersion = 0;
    bool fastDatapath = false;
    std::set<hyk_PortID> ports;
+   // Ports removed so far (changed under the topology mutex): a walk of the
+   // ports re-checks membership only once this moved.
+   std::atomic<uint64_t> removals{0};
    std::map<std::string, std::vector<hyk_ModuleID>> namespaces;
    std::map<std::string, std::string> upgradeProperties;
    std::vector<std::string> events;

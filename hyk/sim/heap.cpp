@@ -6,7 +6,14 @@
 // (sharded by address so concurrent allocators rarely meet) with the heap,
 // size and caller of each: that table is what catches a free to the wrong
 // heap and a double free, and what the report at destroy lists.
+//
+// Like a kernel's heaps, which all draw on the one page pool, the host's
+// heaps draw on one malloc arena (HeapsUseOnePool): memory freed on one CPU
+// is what the next allocation on any CPU reuses.  With glibc's default of an
+// arena per thread, every thread that allocates (an ioctl, each event
+// thread) grows an arena of its own, one mprotect call per allocation.
 #include <dlfcn.h>
+#include <malloc.h>
 
 #include <array>
 #include <atomic>
@@ -15,7 +22,6 @@
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
-#include <unordered_map>
 #include <vector>
 
 #include "core.h"
@@ -49,9 +55,111 @@ struct Freed {
    hyk_HeapID heap = 0;
 };
 
+// Live allocations by address: open addressing with linear probing and
+// backward-shift deletion, entries inline.  A node-based map cost a node
+// allocation per allocation and a cache miss per chain link.
+class LiveTable {
+  public:
+   struct Entry {
+      void *mem;  // null: empty
+      Alloc alloc;
+   };
+
+   Alloc *Find(void *mem) {
+      if (slots_.empty()) {
+         return nullptr;
+      }
+      for (size_t i = Home(mem);; i = (i + 1) & mask_) {
+         if (slots_[i].mem == mem) {
+            return &slots_[i].alloc;
+         }
+         if (slots_[i].mem == nullptr) {
+            return nullptr;
+         }
+      }
+   }
+
+   void Put(void *mem, const Alloc &a) {
+      if ((used_ + 1) * 4 > slots_.size() * 3) {
+         Grow();
+      }
+      size_t i = Home(mem);
+      while (slots_[i].mem != nullptr && slots_[i].mem != mem) {
+         i = (i + 1) & mask_;
+      }
+      used_ += slots_[i].mem == nullptr ? 1 : 0;
+      slots_[i] = Entry{mem, a};
+   }
+
+   // Removes `mem`, which must be present (Find said so).
+   void Erase(void *mem) {
+      size_t i = Home(mem);
+      while (slots_[i].mem != mem) {
+         i = (i + 1) & mask_;
+      }
+      // Shift back every later entry of the run that may sit at i.
+      for (size_t j = (i + 1) & mask_; slots_[j].mem != nullptr; j = (j + 1) & mask_) {
+         const size_t home = Home(slots_[j].mem);
+         if (((j - home) & mask_) >= ((j - i) & mask_)) {
+            slots_[i] = slots_[j];
+            i = j;
+         }
+      }
+      slots_[i].mem = nullptr;
+      used_--;
+   }
+
+   // Calls fn(mem, alloc) for every entry; fn returns true to erase it.
+   template <class F>
+   void EraseIf(F fn) {
+      std::vector<Entry> keep;
+      for (const Entry &e : slots_) {
+         if (e.mem != nullptr && !fn(e.mem, e.alloc)) {
+            keep.push_back(e);
+         }
+      }
+      if (keep.size() == used_) {
+         return;
+      }
+      std::fill(slots_.begin(), slots_.end(), Entry{});
+      used_ = 0;
+      for (const Entry &e : keep) {
+         Put(e.mem, e.alloc);
+      }
+   }
+
+   size_t size() const { return used_; }
+
+  private:
+   size_t Home(void *mem) const {
+      // Allocations are 16-byte aligned: the low bits carry nothing.
+      return static_cast<size_t>((reinterpret_cast<uintptr_t>(mem) >> 4) * 0x9e3779b97f4a7c15ull >> shift_) & mask_;
+   }
+
+   void Grow() {
+      std::vector<Entry> old;
+      old.swap(slots_);
+      const size_t n = old.empty() ? 256 : old.size() * 2;
+      slots_.assign(n, Entry{});
+      mask_ = n - 1;
+      shift_ = 64 - static_cast<unsigned>(__builtin_ctzll(n));
+      used_ = 0;
+      for (const Entry &e : old) {
+         if (e.mem != nullptr) {
+            Put(e.mem, e.alloc);
+         }
+      }
+   }
+
+   std::vector<Entry> slots_;
+   size_t mask_ = 0;
+   unsigned shift_ = 64;
+   size_t used_ = 0;
+};
+
 struct Shard {
    std::mutex mu;
-   std::unordered_map<void *, Alloc> live;
+   LiveTable live;
    std::array<Freed, kFreedHistory> freed{};
    size_t nextFreed = 0;
 };
@@ -148,14 +256,13 @@ std::vector<std::pair<void *, Alloc>> TakeLive(hyk_HeapID id) {
    std::vector<std::pair<void *, Alloc>> out;
    for (Shard &s : Reg().shards) {
       std::lock_guard<std::mutex> lk(s.mu);
-      for (auto it = s.live.begin(); it != s.live.end();) {
-         if (it->second.heap == id) {
-            out.emplace_back(*it);
-            it = s.live.erase(it);
-         } else {
-            ++it;
+      s.live.EraseIf([&](void *mem, const Alloc &a) {
+         if (a.heap != id) {
+            return false;
          }
-      }
+         out.emplace_back(mem, a);
+         return true;
+      });
    }
    return out;
 }
@@ -250,6 +357,17 @@ std::vector<LeakReport> LeakReports() {
 }
 
 namespace core {
+
+void HeapsUseOnePool() {
+   static std::once_flag once;
+   std::call_once(once, [] {
+      mallopt(M_ARENA_MAX, 1);
+      // Grow and give back in large steps: an upgrade allocates and frees
+      // tens of thousands of buffers in a burst.
+      mallopt(M_TOP_PAD, 64 << 20);
+      mallopt(M_TRIM_THRESHOLD, 256 << 20);
+   });
+}
 
 bool HeapExists(hyk_HeapID heap) { return Find(heap) != nullptr; }
 
@@ -377,7 +495,7 @@ extern "C" void *hyk_HeapAllocWithRA(hyk_HeapID heap, uint32_t size, void *ra) {
    h->live.fetch_add(1, std::memory_order_relaxed);
    Shard &s = ShardOf(mem);
    std::lock_guard<std::mutex> lk(s.mu);
-   s.live[mem] = Alloc{heap, size, ra};
+   s.live.Put(mem, Alloc{heap, size, ra});
    return mem;
 }
 
@@ -392,18 +510,18 @@ extern "C" void hyk_HeapFree(hyk_HeapID heap, void *mem) {
    }
    Shard &s = ShardOf(mem);
    std::unique_lock<std::mutex> lk(s.mu);
-   auto it = s.live.find(mem);
-   if (it == s.live.end()) {
+   const Alloc *a = s.live.Find(mem);
+   if (a == nullptr) {
       BadFree(heap, mem, s);
    }
-   if (it->second.heap != heap) {
-      hyk_HeapID owner = it->second.heap;
+   if (a->heap != heap) {
+      hyk_HeapID owner = a->heap;
       lk.unlock();
       Panic("hyk_HeapFree: %p freed to heap %s but allocated from heap %s", mem,
             h->name.c_str(), HeapName(owner).c_str());
    }
-   uint32_t size = it->second.size;
-   s.live.erase(it);
+   uint32_t size = a->size;
+   s.live.Erase(mem);
    RememberFreed(s, mem, heap);
    lk.unlock();
    Unaccount(*h, size);

@@ -177,6 +177,7 @@ void HostStart(const HostOptions &options) {
    if (gHostRunning) {
       TearDownLocked();
    }
+   core::HeapsUseOnePool();
    core::LogReset();
    core::FaultsReset();
    core::ModulesReset();

@@ -37,14 +37,22 @@ struct Lock {
 };
 
 struct Held {
-   std::shared_ptr<Lock> lock;
+   Lock *lock;  // kept alive by Registry::everyLock
    bool write;
 };
+
+// Live locks by ID for lock and unlock: no registry lock and no reference
+// count per call.  A lock object stays allocated for the rest of its host
+// life (Registry::everyLock) after its destruction, so a pointer read here
+// or held in a thread's list never dangles.
+constexpr uint64_t kFastLocks = 4096;
+std::atomic<Lock *> gLiveLock[kFastLocks];
 
 struct Registry {
    std::shared_mutex mu;
    std::map<hyk_LockDomainID, Domain> domains;
    std::map<uint64_t, std::shared_ptr<Lock>> locks;
+   std::vector<std::shared_ptr<Lock>> everyLock;  // of this host life
    hyk_LockDomainID nextDomain = 1;
    uint64_t nextLock = 1;
 };
@@ -66,12 +74,17 @@ void Relax(unsigned spins) {
    }
 }
 
-std::shared_ptr<Lock> FindLock(uint64_t id, bool rw, const char *op) {
-   {
+Lock *FindLock(uint64_t id, bool rw, const char *op) {
+   if (id < kFastLocks) {
+      Lock *l = gLiveLock[id].load(std::memory_order_acquire);
+      if (l != nullptr && l->rw == rw) {
+         return l;
+      }
+   } else {
       std::shared_lock<std::shared_mutex> lk(Reg().mu);
       auto it = Reg().locks.find(id);
       if (it != Reg().locks.end() && it->second->rw == rw) {
-         return it->second;
+         return it->second.get();
       }
    }
    Panic("%s: invalid %s handle %#llx", op, rw ? "reader-writer spinlock" : "spinlock",
@@ -82,7 +95,7 @@ std::shared_ptr<Lock> FindLock(uint64_t id, bool rw, const char *op) {
 // even when it would not deadlock this time.
 void CheckRank(const Lock &l, const char *op) {
    for (const Held &h : tHeld) {
-      if (h.lock.get() == &l) {
+      if (h.lock == &l) {
          Panic("%s: spinlock %s is already held by this thread (recursive acquisition)", op,
                l.name.c_str());
       }
@@ -122,14 +135,14 @@ void AcquireRead(Lock &l) {
 }
 
 void Take(uint64_t id, bool rw, bool write, const char *op) {
-   std::shared_ptr<Lock> l = FindLock(id, rw, op);
+   Lock *l = FindLock(id, rw, op);
    CheckRank(*l, op);
    if (write) {
       AcquireWrite(*l);
    } else {
       AcquireRead(*l);
    }
-   tHeld.push_back({std::move(l), write});
+   tHeld.push_back({l, write});
 }
 
 void Release(uint64_t id, bool rw, bool write, const char *op) {
@@ -150,7 +163,7 @@ void Release(uint64_t id, bool rw, bool write, const char *op) {
       tHeld.erase(std::next(it).base());
       return;
    }
-   std::shared_ptr<Lock> l = FindLock(id, rw, op);
+   Lock *l = FindLock(id, rw, op);
    Panic("%s: spinlock %s is not held by this thread", op, l->name.c_str());
 }
 
@@ -177,8 +190,18 @@ hyk_Status CreateLock(const char *name, hyk_LockDomainID domain, uint32_t rank, 
    l->rw = rw;
    d->second.locks++;
    Reg().locks[l->id] = l;
+   Reg().everyLock.push_back(l);
+   if (l->id < kFastLocks) {
+      gLiveLock[l->id].store(l.get(), std::memory_order_release);
+   }
    *out = l->id;
    return HYK_OK;
+}
+
+void Unpublish(uint64_t id) {
+   if (id < kFastLocks) {
+      gLiveLock[id].store(nullptr, std::memory_order_release);
+   }
 }
 
 hyk_Status DestroyLock(uint64_t id, bool rw) {
@@ -196,6 +219,7 @@ hyk_Status DestroyLock(uint64_t id, bool rw) {
    if (d != Reg().domains.end()) {
       d->second.locks--;
    }
+   Unpublish(id);
    Reg().locks.erase(it);
    return HYK_OK;
 }
@@ -217,10 +241,18 @@ void AssertNoSpinlocks(const char *what) {
    }
 }
 
+// Between host lives no thread runs module code, so none holds a lock; the
+// thread stopping the host forgets any it still lists (a test that ended
+// holding one), since the objects go now.
 void LocksReset() {
+   tHeld.clear();
    std::unique_lock<std::shared_mutex> lk(Reg().mu);
+   for (const auto &[id, l] : Reg().locks) {
+      Unpublish(id);
+   }
    Reg().domains.clear();
    Reg().locks.clear();
+   Reg().everyLock.clear();
    Reg().nextDomain = 1;
    Reg().nextLock = 1;
 }
@@ -235,7 +267,13 @@ void LocksDropModule(hyk_ModuleID id, const std::string &name) {
             continue;
          }
          report.push_back(d->second.name + " (" + std::to_string(d->second.locks) + " locks)");
-         std::erase_if(Reg().locks, [&](const auto &kv) { return kv.second->domain == d->first; });
+         std::erase_if(Reg().locks, [&](const auto &kv) {
+            if (kv.second->domain != d->first) {
+               return false;
+            }
+            Unpublish(kv.first);
+            return true;
+         });
          d = Reg().domains.erase(d);
       }
    }

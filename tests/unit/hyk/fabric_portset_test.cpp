@@ -162,6 +162,7 @@ struct Walk {
    std::vector<hyk_PortID> visited;
    std::thread::id thread;
    hyk_PortID failAt = 0;
+   std::vector<hyk_PortID> removeAt;  // removeAt[0] removes removeAt[1] when visited
    hyk_Portset *ps = nullptr;
    bool sameHandle = true;
 };
@@ -171,6 +172,9 @@ hyk_Status Visit(hyk_Portset *ps, hyk_PortID port, void *data) {
    w->visited.push_back(port);
    w->thread = std::this_thread::get_id();
    w->sameHandle = w->sameHandle && ps == w->ps;
+   if (w->removeAt.size() == 2 && port == w->removeAt[0]) {
+      EXPECT_EQ(hyksim::RemovePort(w->removeAt[1]), HYK_OK);
+   }
    return port == w->failAt ? HYK_NO_MEMORY : HYK_OK;
 }
 
@@ -197,6 +201,21 @@ TEST_F(PortsetTest, ForAllPortsStopsAtTheFirstFailingVisitorAndReturnsItsStatus)
    EXPECT_EQ(hyk_PortsetForAllPorts(w.ps, Visit, &w), HYK_NO_MEMORY);
    EXPECT_EQ(w.visited, (std::vector<hyk_PortID>{ports[0], ports[1]}));
    EXPECT_EQ(hyk_PortsetForAllPorts(w.ps, nullptr, &w), HYK_BAD_PARAM);
+   hyk_PortsetRelease(&w.ps);
+}
+
+TEST_F(PortsetTest, ForAllPortsSkipsAPortRemovedDuringTheWalk) {
+   auto ports = MakePortset("ps0", 4);
+   Walk w;
+   w.removeAt = {ports[0], ports[2]};
+   ASSERT_EQ(hyk_PortsetAcquireByName("ps0", HYK_PORTSET_ACCESS_EXCL, &w.ps), HYK_OK);
+   EXPECT_EQ(hyk_PortsetForAllPorts(w.ps, Visit, &w), HYK_OK);
+   EXPECT_EQ(w.visited, (std::vector<hyk_PortID>{ports[0], ports[1], ports[3]}));
+   // The next walk starts from the portset as it is now.
+   w.visited.clear();
+   w.removeAt.clear();
+   EXPECT_EQ(hyk_PortsetForAllPorts(w.ps, Visit, &w), HYK_OK);
+   EXPECT_EQ(w.visited, (std::vector<hyk_PortID>{ports[0], ports[1], ports[3]}));
    hyk_PortsetRelease(&w.ps);
 }
 

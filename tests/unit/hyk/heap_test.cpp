@@ -2,6 +2,8 @@
 // live-allocation report and the panics on bad frees.
 #include <atomic>
 #include <cstring>
+#include <map>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -139,6 +141,82 @@ TEST_F(HeapTest, ConcurrentAllocationsRespectTheLimit) {
    hyk_HeapDestroy(heap);
    ASSERT_EQ(hyksim::LeakReports().size(), 1u);
    EXPECT_EQ(hyksim::LeakReports()[0].allocations, 100u);
+}
+
+// Tens of thousands of allocations and frees in random order over three
+// heaps: the host's table of live pointers grows, and loses entries out of
+// the middle of its probe runs, without ever losing or confusing one.  Each
+// heap's figures follow a model; a destroyed heap reports exactly what the
+// model still holds for it; every other live pointer can still be freed to
+// its own heap and only to it.
+TEST_F(HeapTest, RandomAllocationsAndFreesKeepEveryPointerStraight) {
+   const uint32_t seed = std::random_device{}();
+   SCOPED_TRACE(testing::Message() << "seed " << seed);
+   std::mt19937 rng(seed);
+   hyk_HeapID heaps[3] = {Create("r0", 0, 1u << 30), Create("r1", 0, 1u << 30), Create("r2", 0, 1u << 30)};
+   struct Live {
+      int heap;
+      uint32_t size;
+   };
+   std::map<void *, Live> model;
+   std::vector<void *> order;  // live pointers, for picking one at random
+   uint64_t bytes[3] = {}, count[3] = {};
+   for (int op = 0; op < 60000; op++) {
+      if (order.empty() || rng() % 100 < 55) {
+         const int h = static_cast<int>(rng() % 3);
+         const uint32_t size = 1 + rng() % 200;
+         void *p = hyk_HeapAlloc(heaps[h], size);
+         ASSERT_NE(p, nullptr);
+         ASSERT_TRUE(model.emplace(p, Live{h, size}).second) << "a live pointer handed out twice";
+         order.push_back(p);
+         bytes[h] += size;
+         count[h]++;
+      } else {
+         const size_t i = rng() % order.size();
+         void *p = order[i];
+         order[i] = order.back();
+         order.pop_back();
+         const Live l = model.at(p);
+         model.erase(p);
+         hyk_HeapFree(heaps[l.heap], p);
+         bytes[l.heap] -= l.size;
+         count[l.heap]--;
+      }
+      if (op % 997 == 0) {
+         for (int h = 0; h < 3; h++) {
+            hyk_HeapStats st;
+            ASSERT_EQ(hyk_HeapGetStats(heaps[h], &st), HYK_OK);
+            ASSERT_EQ(st.bytesInUse, bytes[h]) << "heap " << h << " at op " << op;
+            ASSERT_EQ(st.liveAllocations, count[h]) << "heap " << h << " at op " << op;
+         }
+      }
+   }
+   ASSERT_EQ(hyk_HeapDestroy(heaps[1]), HYK_OK);
+   ASSERT_EQ(hyksim::LeakReports().size(), 1u);
+   EXPECT_EQ(hyksim::LeakReports()[0].allocations, count[1]);
+   EXPECT_EQ(hyksim::LeakReports()[0].bytes, bytes[1]);
+   void *survivor = nullptr;
+   for (const auto &[p, l] : model) {
+      if (l.heap == 0) {
+         survivor = p;
+         break;
+      }
+   }
+   ASSERT_NE(survivor, nullptr);
+   EXPECT_DEATH(hyk_HeapFree(heaps[2], survivor), "freed to heap r2 but allocated from heap r0");
+   for (const auto &[p, l] : model) {
+      if (l.heap != 1) {
+         hyk_HeapFree(heaps[l.heap], p);
+      }
+   }
+   for (int h : {0, 2}) {
+      hyk_HeapStats st;
+      ASSERT_EQ(hyk_HeapGetStats(heaps[h], &st), HYK_OK);
+      EXPECT_EQ(st.bytesInUse, 0u);
+      EXPECT_EQ(st.liveAllocations, 0u);
+      EXPECT_EQ(hyk_HeapDestroy(heaps[h]), HYK_OK);
+   }
+   EXPECT_EQ(hyksim::LeakReports().size(), 1u);
 }
 
 TEST_F(HeapTest, DoubleFreePanics) {

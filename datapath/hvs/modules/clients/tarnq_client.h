@@ -325,12 +325,16 @@ struct TarnqPortState {
    uint8_t data[];
 };
 
-#define TARNQ_PORT_BUCKETS 512u
+/* One bucket per port up to 16,384 ports: a restore adds ports one by one
+ * under tarnq.lock, and chains of cold blobs' headers would make each add
+ * cost a cache miss per port already there. */
+#define TARNQ_PORT_BUCKET_BITS 14u
+#define TARNQ_PORT_BUCKETS (1u << TARNQ_PORT_BUCKET_BITS)
 static constinit TarnqPortState *tarnqPorts[TARNQ_PORT_BUCKETS] = {};
 
 static inline TarnqPortState **tarnqBucket(uint32_t portID)
 {
-   return &tarnqPorts[(portID * 2654435761u) % TARNQ_PORT_BUCKETS];
+   return &tarnqPorts[(portID * 2654435761u) >> (32u - TARNQ_PORT_BUCKET_BITS)];
 }
 
 /* The port's state; the caller holds tarnq.lock. */

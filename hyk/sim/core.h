@@ -8,6 +8,8 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "hyksim/host.h"
 #include "internal.h"
@@ -45,7 +47,9 @@ size_t PendingTimerCount();
 // ---- log (log.cpp) -----------------------------------------------------------
 void LogStart();                  // starts the logger thread, opens the file
 void LogStop();                   // formats what is queued, stops the thread
-void LogFlush();                  // waits until everything queued is formatted
+// Before an object at these address ranges is closed: queued lines stop
+// pointing into it.
+void LogKeepFormats(const std::vector<std::pair<uintptr_t, uintptr_t>> &ranges);
 void LogReset();                  // drops lines and components
 // A preformatted line (host lines, plain printers formatted at once).
 void LogAppendText(const char *component, int32_t level, bool warning, std::string text);

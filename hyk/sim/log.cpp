@@ -18,6 +18,8 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
+#include <unordered_map>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -102,6 +104,9 @@ struct Queue {
    std::mutex mu;
    std::condition_variable cv;
    std::string pending;  // packed records
+   // Copies of the formats of queued lines whose module was unloaded before
+   // they were formatted (LogKeepFormats); dropped when nothing is queued.
+   std::vector<std::unique_ptr<char[]>> keptFormats;
    uint64_t enqueued = 0;
    bool running = false;
    bool stopping = false;
@@ -185,12 +190,17 @@ void LoggerMain() {
    Queue &q = TheQueue();
    Sink &s = TheSink();
    std::string batch;
+   std::vector<std::unique_ptr<char[]>> batchFormats;
    for (;;) {
       bool toFile;
       {
          std::lock_guard<std::mutex> lk(s.mu);
          toFile = s.file != nullptr;
       }
+      // Taken before the batch leaves the queue and held until it is
+      // formatted: whoever then holds q.mu and takes s.mu knows that no
+      // record outside the queue still waits for its format.
+      std::unique_lock<std::mutex> sinkLock(s.mu, std::defer_lock);
       {
          std::unique_lock<std::mutex> lk(q.mu);
          while (q.pending.empty() && !q.stopping) {
@@ -219,14 +229,17 @@ void LoggerMain() {
             return;
          }
          batch.swap(q.pending);
+         batchFormats.swap(q.keptFormats);
+         sinkLock.lock();
       }
-      std::lock_guard<std::mutex> lk(s.mu);
       s.formatted += FormatBatch(s, batch);
       if (s.file != nullptr) {
          fflush(s.file);
       }
       s.doneCv.notify_all();
+      sinkLock.unlock();
       batch.clear();
+      batchFormats.clear();
    }
 }
 
@@ -468,7 +481,46 @@ void LogStop() {
    }
 }
 
-void LogFlush() { FlushLog(); }
+
+// The queued lines keep their format pointers; the formats of an object
+// about to be closed are copied (once per distinct format) and the records
+// pointed at the copies.  A walk of the record headers, instead of
+// formatting every queued line on the unloading thread.
+void LogKeepFormats(const std::vector<std::pair<uintptr_t, uintptr_t>> &ranges) {
+   auto inObject = [&](const char *fmt) {
+      const auto a = reinterpret_cast<uintptr_t>(fmt);
+      for (const auto &[from, to] : ranges) {
+         if (a >= from && a < to) {
+            return true;
+         }
+      }
+      return false;
+   };
+   Queue &q = TheQueue();
+   {
+      std::lock_guard<std::mutex> lk(q.mu);
+      std::unordered_map<const char *, const char *> copies;
+      for (size_t off = 0; off + sizeof(RecordHeader) <= q.pending.size();) {
+         RecordHeader h;
+         memcpy(&h, q.pending.data() + off, sizeof h);
+         if (h.fmt != nullptr && inObject(h.fmt)) {
+            auto [it, fresh] = copies.emplace(h.fmt, nullptr);
+            if (fresh) {
+               const size_t n = strlen(h.fmt) + 1;
+               q.keptFormats.push_back(std::make_unique<char[]>(n));
+               memcpy(q.keptFormats.back().get(), h.fmt, n);
+               it->second = q.keptFormats.back().get();
+            }
+            h.fmt = it->second;
+            memcpy(q.pending.data() + off, &h, sizeof h);
+         }
+         off += sizeof h + h.compLen + h.dataLen;
+      }
+   }
+   // A batch taken from the queue before the walk is formatted under s.mu
+   // (see LoggerMain): once s.mu is ours, it is done.
+   std::lock_guard<std::mutex> lk(TheSink().mu);
+}
 
 void LogReset() {
    {

@@ -147,6 +147,37 @@ bool SnapshotImage(void *handle, Resident *r) {
    return q.found;
 }
 
+struct RangeSearch {
+   uintptr_t base;
+   std::vector<std::pair<uintptr_t, uintptr_t>> *ranges;
+};
+
+int CollectLoaded(struct dl_phdr_info *info, size_t, void *data) {
+   auto *q = static_cast<RangeSearch *>(data);
+   if (info->dlpi_addr != q->base || !q->ranges->empty()) {
+      return 0;
+   }
+   for (int i = 0; i < info->dlpi_phnum; i++) {
+      const ElfW(Phdr) &ph = info->dlpi_phdr[i];
+      if (ph.p_type == PT_LOAD) {
+         const uintptr_t from = info->dlpi_addr + ph.p_vaddr;
+         q->ranges->emplace_back(from, from + ph.p_memsz);
+      }
+   }
+   return 0;
+}
+
+// The address ranges an object's segments are mapped at.
+std::vector<std::pair<uintptr_t, uintptr_t>> LoadedRanges(void *handle) {
+   std::vector<std::pair<uintptr_t, uintptr_t>> ranges;
+   struct link_map *map = nullptr;
+   if (dlinfo(handle, RTLD_DI_LINKMAP, &map) == 0 && map != nullptr) {
+      RangeSearch q{static_cast<uintptr_t>(map->l_addr), &ranges};
+      dl_iterate_phdr(CollectLoaded, &q);
+   }
+   return ranges;
+}
+
 void RestoreImage(const Resident &r) {
    for (const auto &[addr, bytes] : r.image) {
       CopyImageBytes(addr, bytes.data(), bytes.size());
@@ -370,6 +401,8 @@ void CloseObject(const Module &m) {
          return;   // stays mapped; the next load restores its image
       }
    }
+   // Lines still queued may point at formats in the object.
+   core::LogKeepFormats(LoadedRanges(m.handle));
    if (dlclose(m.handle) != 0) {
       HostLog("module %s: closing %s failed: %s", m.name.c_str(), m.path.c_str(), dlerror());
       return;
@@ -385,7 +418,7 @@ void CloseObject(const Module &m) {
 
 // Everything after the module's own code has run for the last time: the
 // module leaves the table, the rest of the host drops what it left behind,
-// the lines whose formats live in the object are formatted, the object closes.
+// the object closes (queued lines keep copies of its formats).
 void Finish(const std::shared_ptr<Module> &m) {
    Unlist(m->id);
    core::RunUnloadHooks(m->id, m->name);
@@ -394,7 +427,6 @@ void Finish(const std::shared_ptr<Module> &m) {
    core::LocksDropModule(m->id, m->name);
    core::LogDropModule(m->id, m->name);
    core::HeapsDropModule(m->id, m->name);
-   core::LogFlush();
    if (m->handle == nullptr) {
       return;
    }
@@ -518,7 +550,6 @@ hyk_Status Unload(const std::shared_ptr<Module> &m, bool force) {
       }
       m->state = State::kUnloading;
    }
-   core::LogFlush();
    if (m->cleanup != nullptr) {
       core::RunAsModule(m->id, reinterpret_cast<const void *>(m->cleanup), "cleanup_module",
                         [&] { m->cleanup(); });

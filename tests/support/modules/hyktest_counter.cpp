@@ -75,8 +75,8 @@ HYK_MODULE_ENTRY int init_module(void) {
 }
 
 HYK_MODULE_ENTRY void cleanup_module(void) {
-   // The format and label live in this object: the host must format the line
-   // before it closes the object.
+   // The format lives in this object: the queued line must stay readable
+   // after the host closes the object.
    _hyk_LogMessage("counter%d: cleanup id=%u label=%s\n", HYKTEST_BUILD, hyk_ModuleCurrentID(),
                    label);
    if (leaveBehind == 0) {

@@ -3,7 +3,9 @@
 // modules, use counts and the current-module stack.
 #include <dlfcn.h>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "hyk_test_support.h"
 
@@ -79,7 +81,7 @@ TEST_F(ModuleTest, ResidentObjectsStayMappedAndStillStartFromFreshGlobals) {
    EXPECT_FALSE(hyksim::LogContains("init loads=2"));
 }
 
-TEST_F(ModuleTest, UnloadFormatsTheModulesLinesBeforeClosingIt) {
+TEST_F(ModuleTest, ModulesQueuedLinesStayReadableAfterItsObjectCloses) {
    ASSERT_EQ(Load("hyktest_counter", {"label=goodbye"}), HYK_OK);
    ASSERT_EQ(hyksim::UnloadModule("hyktest_counter"), HYK_OK);
    EXPECT_TRUE(hyksim::LogContains("counter1: cleanup id=1 label=goodbye"));
@@ -87,6 +89,29 @@ TEST_F(ModuleTest, UnloadFormatsTheModulesLinesBeforeClosingIt) {
    EXPECT_EQ(hyk_ModuleGetID("hyktest_counter"), HYK_INVALID_MODULE_ID);
    EXPECT_EQ(hyksim::Counts().heaps, 0u);
    EXPECT_FALSE(hyksim::LogContains("left heap"));
+}
+
+// While a reader keeps the logger formatting batch after batch, an unload
+// may find a batch already taken from the queue: the object must not close
+// before that batch is formatted, nor may any queued line still point into
+// it.  A line read from a closed object crashes the test.
+TEST_F(ModuleTest, UnloadsRacingTheLoggerLeaveEveryLineReadable) {
+   std::atomic<bool> done{false};
+   std::thread reader([&] {
+      while (!done.load()) {
+         hyksim::FlushLog();
+      }
+   });
+   constexpr int kRounds = 150;
+   for (int i = 0; i < kRounds; i++) {
+      ASSERT_EQ(Load("hyktest_counter", {"label=round" + std::to_string(i)}), HYK_OK);
+      ASSERT_EQ(hyksim::UnloadModule("hyktest_counter"), HYK_OK);
+   }
+   done = true;
+   reader.join();
+   EXPECT_EQ(hyksim::LogCount("counter1: cleanup id="), static_cast<size_t>(kRounds));
+   EXPECT_TRUE(hyksim::LogContains("label=round0"));
+   EXPECT_TRUE(hyksim::LogContains("label=round" + std::to_string(kRounds - 1)));
 }
 
 TEST_F(ModuleTest, ParametersOfEveryTypeAreApplied) {

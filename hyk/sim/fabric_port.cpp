@@ -107,7 +107,7 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
       port.vnic = (uint64_t{0x7f1c} << 32) | t.nextVnic++;
       t.vnics[port.vnic] = port.id;
    }
-   ps->second->ports.insert(port.id);
+   ps->second->ports.push_back(port.id);  // IDs only grow: stays sorted
    *portID = port.id;
    t.ports.emplace(port.id, std::move(port));
    return HYK_OK;
@@ -121,7 +121,10 @@ hyk_Status RemovePort(hyk_PortID portID) {
       return HYK_NOT_FOUND;
    }
    fabric::Portset &ps = *t.portsets.at(p->portset);
-   ps.ports.erase(portID);
+   auto member = std::lower_bound(ps.ports.begin(), ps.ports.end(), portID);
+   if (member != ps.ports.end() && *member == portID) {
+      ps.ports.erase(member);
+   }
    ps.removals.fetch_add(1, std::memory_order_release);
    t.vnics.erase(p->vnic);
    t.ports.erase(portID);

@@ -414,14 +414,14 @@ hyk_Status hyk_PortsetForAllPorts(hyk_Portset *ps, hyk_PortVisitor visitor, void
          return HYK_BAD_PARAM;
       }
       portset = it->second.portset;
-      ids.assign(portset->ports.begin(), portset->ports.end());
+      ids = portset->ports;
       removals = portset->removals.load(std::memory_order_relaxed);
    }
    for (hyk_PortID id : ids) {
       // A port removed during the walk is not visited.
       if (portset->removals.load(std::memory_order_acquire) != removals) {
          std::lock_guard<std::mutex> lk(t.mu);
-         if (portset->ports.count(id) == 0) {
+         if (!portset->HasPort(id)) {
             continue;
          }
       }

@@ -6,6 +6,7 @@
 // from anything the host calls.  Exclusive acquisition waits on `cv`.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <map>
@@ -40,7 +41,11 @@ struct Portset {
    hyk_ModuleID classModule = HYK_INVALID_MODULE_ID;
    uint32_t fabricVersion = 0;
    bool fastDatapath = false;
-   std::set<hyk_PortID> ports;
+   // Member ports in ID order; a port's ID is larger than any before it, so
+   // adding one appends.  Walked whole on every phase of an upgrade: a
+   // vector, not a tree of scattered nodes.
+   std::vector<hyk_PortID> ports;
+   bool HasPort(hyk_PortID id) const { return std::binary_search(ports.begin(), ports.end(), id); }
    // Ports removed so far (changed under the topology mutex): a walk of the
    // ports re-checks membership only once this moved.
    std::atomic<uint64_t> removals{0};

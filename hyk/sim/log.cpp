@@ -16,6 +16,7 @@
 // the same lines on every run.
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -80,8 +81,8 @@ Registry &Reg() {
 
 // A queued line is this header, the component name and the captured
 // arguments (or, when fmt is null, the finished text), packed back to back
-// into one byte buffer: queueing a line allocates nothing once the buffer
-// has grown to the burst size.
+// into a block of Records: queueing a line allocates nothing while the
+// block has room.
 struct RecordHeader {
    uint64_t timeUS;
    const char *fmt;
@@ -100,10 +101,82 @@ struct Line {
    uint64_t timeUS;
 };
 
+// Packed records in blocks: a burst of lines appends without ever moving
+// what is queued (one growing buffer copied itself at every doubling and
+// touched twice the memory).  A record never spans two blocks.
+class Records {
+  public:
+   static constexpr size_t kBlockBytes = size_t(1) << 20;
+   static constexpr size_t kSpareBlocks = 8;  // kept for reuse once formatted
+
+   bool empty() const { return bytes_ == 0; }
+   size_t bytes() const { return bytes_; }
+
+   // Room for one record of n bytes at the end, taken from `spare` if it
+   // has a block.
+   char *Append(size_t n, std::vector<std::unique_ptr<char[]>> &spare) {
+      if (blocks_.empty() || blocks_.back().size - blocks_.back().used < n) {
+         Block b;
+         b.size = std::max(kBlockBytes, n);
+         if (b.size == kBlockBytes && !spare.empty()) {
+            b.data = std::move(spare.back());
+            spare.pop_back();
+         } else {
+            b.data = std::make_unique<char[]>(b.size);
+         }
+         blocks_.push_back(std::move(b));
+      }
+      Block &b = blocks_.back();
+      char *at = b.data.get() + b.used;
+      b.used += n;
+      bytes_ += n;
+      return at;
+   }
+
+   // fn(header, record) for every record in order; fn may rewrite the header.
+   template <class F>
+   void ForEach(F fn) {
+      for (Block &b : blocks_) {
+         for (size_t off = 0; off + sizeof(RecordHeader) <= b.used;) {
+            RecordHeader h;
+            memcpy(&h, b.data.get() + off, sizeof h);
+            fn(h, b.data.get() + off);
+            memcpy(b.data.get() + off, &h, sizeof h);
+            off += sizeof h + h.compLen + h.dataLen;
+         }
+      }
+   }
+
+   // Empties this, handing blocks of the standard size to `spare`.
+   void Clear(std::vector<std::unique_ptr<char[]>> &spare) {
+      for (Block &b : blocks_) {
+         if (b.size == kBlockBytes && spare.size() < kSpareBlocks) {
+            spare.push_back(std::move(b.data));
+         }
+      }
+      blocks_.clear();
+      bytes_ = 0;
+   }
+
+   void Swap(Records &other) {
+      blocks_.swap(other.blocks_);
+      std::swap(bytes_, other.bytes_);
+   }
+
+  private:
+   struct Block {
+      std::unique_ptr<char[]> data;
+      size_t size = 0, used = 0;
+   };
+   std::vector<Block> blocks_;
+   size_t bytes_ = 0;
+};
+
 struct Queue {
    std::mutex mu;
    std::condition_variable cv;
-   std::string pending;  // packed records
+   Records pending;
+   std::vector<std::unique_ptr<char[]>> spare;  // blocks for reuse
    // Copies of the formats of queued lines whose module was unloaded before
    // they were formatted (LogKeepFormats); dropped when nothing is queued.
    std::vector<std::unique_ptr<char[]>> keptFormats;
@@ -170,18 +243,15 @@ void AppendLine(Sink &s, const Line &in) {
 }
 
 // Unpacks and formats a batch of records; returns how many there were.
-uint64_t FormatBatch(Sink &s, const std::string &batch) {
+uint64_t FormatBatch(Sink &s, Records &batch) {
    uint64_t n = 0;
-   for (size_t off = 0; off + sizeof(RecordHeader) <= batch.size(); n++) {
-      RecordHeader h;
-      memcpy(&h, batch.data() + off, sizeof h);
-      off += sizeof h;
-      std::string_view comp(batch.data() + off, h.compLen);
-      off += h.compLen;
-      std::string_view data(batch.data() + off, h.dataLen);
-      off += h.dataLen;
+   batch.ForEach([&](RecordHeader &h, const char *rec) {
+      const char *p = rec + sizeof h;
+      std::string_view comp(p, h.compLen);
+      std::string_view data(p + h.compLen, h.dataLen);
       AppendLine(s, Line{comp, h.level, h.warning != 0, h.fmt, data, h.timeUS});
-   }
+      n++;
+   });
    return n;
 }
 
@@ -189,7 +259,7 @@ void LoggerMain() {
    tIsLogger = true;
    Queue &q = TheQueue();
    Sink &s = TheSink();
-   std::string batch;
+   Records batch;
    std::vector<std::unique_ptr<char[]>> batchFormats;
    for (;;) {
       bool toFile;
@@ -211,7 +281,7 @@ void LoggerMain() {
          // Let the batch gather (see kFormatDelay): a caller that finds the
          // logger gathering does not pay for waking it.
          const auto start = std::chrono::steady_clock::now();
-         auto wanted = [&] { return q.stopping || q.flushWanted || q.pending.size() >= kBacklogBytes; };
+         auto wanted = [&] { return q.stopping || q.flushWanted || q.pending.bytes() >= kBacklogBytes; };
          if (!toFile) {
             q.cv.wait(lk, wanted);   // nobody needs the text before a reader asks
          }
@@ -228,7 +298,7 @@ void LoggerMain() {
             q.running = false;  // later records are formatted by their callers
             return;
          }
-         batch.swap(q.pending);
+         batch.Swap(q.pending);
          batchFormats.swap(q.keptFormats);
          sinkLock.lock();
       }
@@ -238,8 +308,9 @@ void LoggerMain() {
       }
       s.doneCv.notify_all();
       sinkLock.unlock();
-      batch.clear();
       batchFormats.clear();
+      std::lock_guard<std::mutex> lk(q.mu);
+      batch.Clear(q.spare);
    }
 }
 
@@ -253,12 +324,13 @@ void Enqueue(const char *component, int32_t level, bool warning, const char *fmt
       if (LoggerUsable(q)) {
          RecordHeader h{line.timeUS, fmt, level, static_cast<uint32_t>(data.size()),
                         static_cast<uint8_t>(line.component.size()), warning};
-         q.pending.append(reinterpret_cast<const char *>(&h), sizeof h);
-         q.pending.append(line.component);
-         q.pending.append(data);
+         const size_t n = sizeof h + line.component.size() + data.size();
+         char *at = q.pending.Append(n, q.spare);
+         memcpy(at, &h, sizeof h);
+         memcpy(at + sizeof h, line.component.data(), line.component.size());
+         memcpy(at + sizeof h + line.component.size(), data.data(), data.size());
          q.enqueued++;
-         const bool backlogCrossed = q.pending.size() >= kBacklogBytes &&
-                                     q.pending.size() - sizeof h - line.component.size() - data.size() < kBacklogBytes;
+         const bool backlogCrossed = q.pending.bytes() >= kBacklogBytes && q.pending.bytes() - n < kBacklogBytes;
          if (q.loggerWaiting || backlogCrossed) {
             q.loggerWaiting = false;
             q.cv.notify_one();
@@ -500,22 +572,19 @@ void LogKeepFormats(const std::vector<std::pair<uintptr_t, uintptr_t>> &ranges) 
    {
       std::lock_guard<std::mutex> lk(q.mu);
       std::unordered_map<const char *, const char *> copies;
-      for (size_t off = 0; off + sizeof(RecordHeader) <= q.pending.size();) {
-         RecordHeader h;
-         memcpy(&h, q.pending.data() + off, sizeof h);
-         if (h.fmt != nullptr && inObject(h.fmt)) {
-            auto [it, fresh] = copies.emplace(h.fmt, nullptr);
-            if (fresh) {
-               const size_t n = strlen(h.fmt) + 1;
-               q.keptFormats.push_back(std::make_unique<char[]>(n));
-               memcpy(q.keptFormats.back().get(), h.fmt, n);
-               it->second = q.keptFormats.back().get();
-            }
-            h.fmt = it->second;
-            memcpy(q.pending.data() + off, &h, sizeof h);
+      q.pending.ForEach([&](RecordHeader &h, const char *) {
+         if (h.fmt == nullptr || !inObject(h.fmt)) {
+            return;
          }
-         off += sizeof h + h.compLen + h.dataLen;
-      }
+         auto [it, fresh] = copies.emplace(h.fmt, nullptr);
+         if (fresh) {
+            const size_t n = strlen(h.fmt) + 1;
+            q.keptFormats.push_back(std::make_unique<char[]>(n));
+            memcpy(q.keptFormats.back().get(), h.fmt, n);
+            it->second = q.keptFormats.back().get();
+         }
+         h.fmt = it->second;
+      });
    }
    // A batch taken from the queue before the walk is formatted under s.mu
    // (see LoggerMain): once s.mu is ours, it is done.

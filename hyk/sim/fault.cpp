@@ -40,8 +40,41 @@ struct ActiveSpec {
    uint64_t rng = 0;      // splitmix64 state for probability faults
 };
 
+// A call count that threads on different CPUs increment without sharing a
+// cache line: one slot per thread (modulo kSlots), summed when read.  One
+// shared counter cost a cache-line transfer per host call whenever two
+// threads were calling (an ioctl and an event thread, during a takeover).
+class CallCount {
+  public:
+   void Add() { slots_[Slot()].n.fetch_add(1, std::memory_order_relaxed); }
+   uint64_t Load() const {
+      uint64_t sum = 0;
+      for (const auto &s : slots_) {
+         sum += s.n.load(std::memory_order_relaxed);
+      }
+      return sum;
+   }
+   void Zero() {
+      for (auto &s : slots_) {
+         s.n.store(0, std::memory_order_relaxed);
+      }
+   }
+
+  private:
+   static constexpr size_t kSlots = 16;
+   static size_t Slot() {
+      static std::atomic<size_t> next{0};
+      thread_local size_t mine = next.fetch_add(1, std::memory_order_relaxed) % kSlots;
+      return mine;
+   }
+   struct alignas(64) Padded {
+      std::atomic<uint64_t> n{0};
+   };
+   Padded slots_[kSlots];
+};
+
 struct OpCounters {
-   std::atomic<uint64_t> calls{0};
+   CallCount calls;
    uint64_t injected = 0;   // under FaultState::mu
 };
 
@@ -133,7 +166,7 @@ bool FaultCheck(const char *op, hyk_Status *status) {
    if (!gSlowPath.load(std::memory_order_acquire)) {
       const FastEntry *e = gFast[FastSlotOf(op)].load(std::memory_order_acquire);
       if (e != nullptr && e->op == op) {
-         e->counters->calls.fetch_add(1, std::memory_order_relaxed);
+         e->counters->calls.Add();
          return false;
       }
    }
@@ -144,7 +177,10 @@ bool FaultCheck(const char *op, hyk_Status *status) {
    {
       std::lock_guard<std::mutex> lk(s.mu);
       OpCounters &c = CountersFor(s, op);
-      callNo = c.calls.fetch_add(1, std::memory_order_relaxed) + 1;
+      // Every caller takes the lock while this path is on, so the sum is
+      // this call's number.
+      c.calls.Add();
+      callNo = c.calls.Load();
       if (s.tracing) {
          s.trace.emplace_back(op);
       }
@@ -203,7 +239,7 @@ uint64_t CallCount(const std::string &op) {
    FaultState &s = State();
    std::lock_guard<std::mutex> lk(s.mu);
    auto it = s.ops.find(op);
-   return it == s.ops.end() ? 0 : it->second.calls.load(std::memory_order_relaxed);
+   return it == s.ops.end() ? 0 : it->second.calls.Load();
 }
 
 std::map<std::string, uint64_t> CallCounts() {
@@ -211,7 +247,7 @@ std::map<std::string, uint64_t> CallCounts() {
    std::lock_guard<std::mutex> lk(s.mu);
    std::map<std::string, uint64_t> out;
    for (const auto &[op, c] : s.ops) {
-      const uint64_t calls = c.calls.load(std::memory_order_relaxed);
+      const uint64_t calls = c.calls.Load();
       if (calls != 0) {   // a reset zeroes counters rather than forgetting operations
          out[op] = calls;
       }
@@ -242,7 +278,7 @@ void FaultsReset() {
    std::lock_guard<std::mutex> lk(s.mu);
    // The fast path's entries point at these counters: zeroed, never freed.
    for (auto &[op, c] : s.ops) {
-      c.calls.store(0, std::memory_order_relaxed);
+      c.calls.Zero();
       c.injected = 0;
    }
    s.descs.clear();

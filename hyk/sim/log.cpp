@@ -568,6 +568,7 @@ void LogKeepFormats(const std::vector<std::pair<uintptr_t, uintptr_t>> &ranges) 
       }
       return false;
    };
+   logfmt::ForgetParsedFormats();
    Queue &q = TheQueue();
    {
       std::lock_guard<std::mutex> lk(q.mu);

@@ -8,6 +8,7 @@
 // is kept as literal text rather than guessed at.
 #include "log_format.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -324,11 +325,45 @@ bool BuildSub(Reader &r, const Conversion &s, std::string *sub) {
    return true;
 }
 
-}  // namespace
+// Takes one conversion's arguments (a '*' width and precision first).
+void TakeConversion(VaBox &va, const Conversion &s, std::string *out) {
+   if (s.starWidth) {
+      Put64(out, TakeInt(va, Len::kNone));
+   }
+   int prec = s.prec;
+   if (s.starPrec) {
+      prec = va_arg(va.ap, int);
+      Put64(out, static_cast<uint64_t>(static_cast<int64_t>(prec)));
+   }
+   TakeValue(va, s, prec, out);
+}
 
-void Capture(const char *fmt, va_list ap, std::string *out) {
-   VaBox va;
-   va_copy(va.ap, ap);
+// ---- parsed formats ------------------------------------------------------------
+//
+// The same few dozen formats are logged per port, so each thread keeps the
+// conversions of the formats it logged last, by address: a capture then
+// walks a short list instead of the format's text.  An address may hold
+// another format once its object is closed and another mapped there;
+// ForgetParsedFormats (called before any object closes) moves the
+// generation on, and a plan of an older generation is parsed again.
+
+constexpr size_t kPlanConversions = 12;  // formats with more are parsed each time
+constexpr size_t kPlans = 64;            // per thread, direct-mapped by address
+
+struct Plan {
+   const char *fmt = nullptr;
+   uint64_t generation = 0;
+   uint8_t count = 0;
+   Conversion conv[kPlanConversions];
+};
+
+std::atomic<uint64_t> gGeneration{1};
+thread_local Plan tPlans[kPlans];
+
+// Parses fmt's argument-taking conversions into *plan; false when there are
+// more than fit.
+bool ParsePlan(const char *fmt, Plan *plan) {
+   plan->count = 0;
    for (const char *p = strchr(fmt, '%'); p != nullptr; p = strchr(p, '%')) {
       Conversion s;
       if (!ParseSpec(p, &s)) {
@@ -338,15 +373,53 @@ void Capture(const char *fmt, va_list ap, std::string *out) {
       if (s.conv == '%') {
          continue;
       }
-      if (s.starWidth) {
-         Put64(out, TakeInt(va, Len::kNone));
+      if (plan->count == kPlanConversions) {
+         return false;
       }
-      int prec = s.prec;
-      if (s.starPrec) {
-         prec = va_arg(va.ap, int);
-         Put64(out, static_cast<uint64_t>(static_cast<int64_t>(prec)));
+      plan->conv[plan->count++] = s;
+   }
+   return true;
+}
+
+const Plan *PlanFor(const char *fmt) {
+   const auto a = reinterpret_cast<uintptr_t>(fmt);
+   Plan &plan = tPlans[(a >> 3 ^ a >> 11) % kPlans];
+   const uint64_t generation = gGeneration.load(std::memory_order_acquire);
+   if (plan.fmt == fmt && plan.generation == generation) {
+      return &plan;
+   }
+   plan.fmt = nullptr;
+   if (!ParsePlan(fmt, &plan)) {
+      return nullptr;
+   }
+   plan.fmt = fmt;
+   plan.generation = generation;
+   return &plan;
+}
+
+}  // namespace
+
+void ForgetParsedFormats() { gGeneration.fetch_add(1, std::memory_order_acq_rel); }
+
+void Capture(const char *fmt, va_list ap, std::string *out) {
+   VaBox va;
+   va_copy(va.ap, ap);
+   if (const Plan *plan = PlanFor(fmt)) {
+      for (uint8_t i = 0; i < plan->count; i++) {
+         TakeConversion(va, plan->conv[i], out);
       }
-      TakeValue(va, s, prec, out);
+      va_end(va.ap);
+      return;
+   }
+   for (const char *p = strchr(fmt, '%'); p != nullptr; p = strchr(p, '%')) {
+      Conversion s;
+      if (!ParseSpec(p, &s)) {
+         break;
+      }
+      p = s.end;
+      if (s.conv != '%') {
+         TakeConversion(va, s, out);
+      }
    }
    va_end(va.ap);
 }

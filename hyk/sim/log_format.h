@@ -18,6 +18,10 @@ namespace hyksim::logfmt {
 // Appends the arguments `fmt` consumes from `ap` to *out.
 void Capture(const char *fmt, va_list ap, std::string *out);
 
+// Before an object closes: a format address seen so far may next hold
+// another format.
+void ForgetParsedFormats();
+
 // Formats `fmt` with arguments captured by Capture.
 std::string Render(const char *fmt, std::string_view captured);
 

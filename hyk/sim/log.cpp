@@ -19,13 +19,13 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <memory>
-#include <unordered_map>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "core.h"

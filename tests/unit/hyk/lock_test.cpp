@@ -197,4 +197,36 @@ TEST_F(LockTest, InvalidHandlePanics) {
    EXPECT_DEATH(hyk_SpinlockLock(high_), "invalid spinlock handle");
 }
 
+TEST_F(LockTest, DestroyedLockHandlePanics) {
+   ASSERT_EQ(hyk_SpinlockDestroy(low_), HYK_OK);
+   EXPECT_DEATH(hyk_SpinlockLock(low_), "invalid spinlock handle");
+}
+
+// Lock and unlock find the first few thousand locks by ID in a table and
+// any later one in the registry: both kinds lock, exclude, rank, and panic
+// on a stale handle alike.
+TEST_F(LockTest, LocksFoundInTheRegistryBehaveAsTableLocks) {
+   std::vector<hyk_SpinlockID> locks;
+   hyk_SpinlockID l = HYK_INVALID_LOCK;
+   do {
+      ASSERT_EQ(hyk_SpinlockCreate("many", domain_, 3, &l), HYK_OK);
+      locks.push_back(l);
+   } while (l < 5000);
+   hyk_SpinlockID outer = HYK_INVALID_LOCK;
+   ASSERT_EQ(hyk_SpinlockCreate("outer", domain_, 4, &outer), HYK_OK);
+   for (hyk_SpinlockID id : {locks.front(), locks.back()}) {
+      hyk_SpinlockLock(id);
+      EXPECT_EQ(hyk_SpinlocksHeld(), 1u);
+      EXPECT_DEATH(hyk_SpinlockLock(low_), "rank violation");
+      hyk_SpinlockLock(outer);
+      EXPECT_EQ(hyk_SpinlocksHeld(), 2u);
+      hyk_SpinlockUnlock(outer);
+      hyk_SpinlockUnlock(id);
+      EXPECT_EQ(hyk_SpinlocksHeld(), 0u);
+   }
+   ASSERT_EQ(hyk_SpinlockDestroy(locks.back()), HYK_OK);
+   EXPECT_DEATH(hyk_SpinlockLock(locks.back()), "invalid spinlock handle");
+   EXPECT_DEATH(hyk_RWSpinlockReadLock(locks.front()), "invalid reader-writer spinlock handle");
+}
+
 }  // namespace

@@ -128,8 +128,6 @@ class LiveTable {
       }
    }
 
-   size_t size() const { return used_; }
-
   private:
    size_t Home(void *mem) const {
       // Allocations are 16-byte aligned: the low bits carry nothing.

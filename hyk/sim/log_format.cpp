@@ -360,25 +360,34 @@ struct Plan {
 std::atomic<uint64_t> gGeneration{1};
 thread_local Plan tPlans[kPlans];
 
-// Parses fmt's argument-taking conversions into *plan; false when there are
-// more than fit.
-bool ParsePlan(const char *fmt, Plan *plan) {
-   plan->count = 0;
+// Calls fn for each argument-taking conversion of fmt, up to the first
+// malformed one, while fn returns true; false if fn stopped the walk.
+template <class F>
+bool ForEachConversion(const char *fmt, F fn) {
    for (const char *p = strchr(fmt, '%'); p != nullptr; p = strchr(p, '%')) {
       Conversion s;
       if (!ParseSpec(p, &s)) {
          break;
       }
       p = s.end;
-      if (s.conv == '%') {
-         continue;
+      if (s.conv != '%' && !fn(s)) {
+         return false;
       }
+   }
+   return true;
+}
+
+// Parses fmt's argument-taking conversions into *plan; false when there are
+// more than fit.
+bool ParsePlan(const char *fmt, Plan *plan) {
+   plan->count = 0;
+   return ForEachConversion(fmt, [plan](const Conversion &s) {
       if (plan->count == kPlanConversions) {
          return false;
       }
       plan->conv[plan->count++] = s;
-   }
-   return true;
+      return true;
+   });
 }
 
 const Plan *PlanFor(const char *fmt) {
@@ -411,16 +420,10 @@ void Capture(const char *fmt, va_list ap, std::string *out) {
       va_end(va.ap);
       return;
    }
-   for (const char *p = strchr(fmt, '%'); p != nullptr; p = strchr(p, '%')) {
-      Conversion s;
-      if (!ParseSpec(p, &s)) {
-         break;
-      }
-      p = s.end;
-      if (s.conv != '%') {
-         TakeConversion(va, s, out);
-      }
-   }
+   ForEachConversion(fmt, [&](const Conversion &s) {
+      TakeConversion(va, s, out);
+      return true;
+   });
    va_end(va.ap);
 }
 

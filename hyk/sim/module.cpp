@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -94,87 +95,77 @@ __attribute__((no_sanitize("address", "thread"))) void CopyImageBytes(uint8_t *d
    }
 }
 
-struct ImageSearch {
-   uintptr_t base;
-   std::vector<std::pair<uint8_t *, std::vector<uint8_t>>> *image;
-   bool found;
-};
-
-// The writable ranges of the object loaded at `base`, less the pages the
-// loader protects after relocation.
-int CollectWritable(struct dl_phdr_info *info, size_t, void *data) {
-   auto *q = static_cast<ImageSearch *>(data);
-   if (info->dlpi_addr != q->base || q->found) {
-      return 0;
-   }
-   q->found = true;
-   const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-   uintptr_t relroFrom = 0, relroTo = 0;
-   for (int i = 0; i < info->dlpi_phnum; i++) {
-      const ElfW(Phdr) &ph = info->dlpi_phdr[i];
-      if (ph.p_type == PT_GNU_RELRO) {
-         relroFrom = (info->dlpi_addr + ph.p_vaddr) & ~(page - 1);
-         relroTo = (info->dlpi_addr + ph.p_vaddr + ph.p_memsz) & ~(page - 1);
-      }
-   }
-   auto keep = [&](uintptr_t from, uintptr_t to) {
-      if (to > from) {
-         auto *p = reinterpret_cast<uint8_t *>(from);
-         std::vector<uint8_t> bytes(to - from);
-         CopyImageBytes(bytes.data(), p, bytes.size());
-         q->image->emplace_back(p, std::move(bytes));
-      }
-   };
-   for (int i = 0; i < info->dlpi_phnum; i++) {
-      const ElfW(Phdr) &ph = info->dlpi_phdr[i];
-      if (ph.p_type != PT_LOAD || (ph.p_flags & PF_W) == 0) {
-         continue;
-      }
-      const uintptr_t from = info->dlpi_addr + ph.p_vaddr, to = from + ph.p_memsz;
-      keep(from, std::min(to, std::max(from, relroFrom)));
-      keep(std::max(from, relroTo), to);
-   }
-   return 0;
-}
-
-bool SnapshotImage(void *handle, Resident *r) {
+// Calls fn with the program headers of the object `handle` names (found
+// by its load base); false when the loader does not know it.
+bool WithProgramHeaders(void *handle, const std::function<void(const dl_phdr_info &)> &fn) {
    struct link_map *map = nullptr;
    if (dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0 || map == nullptr) {
       return false;
    }
-   ImageSearch q{static_cast<uintptr_t>(map->l_addr), &r->image, false};
-   dl_iterate_phdr(CollectWritable, &q);
+   struct Search {
+      uintptr_t base;
+      const std::function<void(const dl_phdr_info &)> *fn;
+      bool found;
+   } q{static_cast<uintptr_t>(map->l_addr), &fn, false};
+   dl_iterate_phdr(
+      [](struct dl_phdr_info *info, size_t, void *data) {
+         auto *q = static_cast<Search *>(data);
+         if (info->dlpi_addr != q->base || q->found) {
+            return 0;
+         }
+         q->found = true;
+         (*q->fn)(*info);
+         return 0;
+      },
+      &q);
    return q.found;
 }
 
-struct RangeSearch {
-   uintptr_t base;
-   std::vector<std::pair<uintptr_t, uintptr_t>> *ranges;
-};
-
-int CollectLoaded(struct dl_phdr_info *info, size_t, void *data) {
-   auto *q = static_cast<RangeSearch *>(data);
-   if (info->dlpi_addr != q->base || !q->ranges->empty()) {
-      return 0;
-   }
-   for (int i = 0; i < info->dlpi_phnum; i++) {
-      const ElfW(Phdr) &ph = info->dlpi_phdr[i];
-      if (ph.p_type == PT_LOAD) {
-         const uintptr_t from = info->dlpi_addr + ph.p_vaddr;
-         q->ranges->emplace_back(from, from + ph.p_memsz);
+// Copies the writable ranges of the object, less the pages the loader
+// protects after relocation.
+bool SnapshotImage(void *handle, Resident *r) {
+   return WithProgramHeaders(handle, [r](const dl_phdr_info &info) {
+      const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+      uintptr_t relroFrom = 0, relroTo = 0;
+      for (int i = 0; i < info.dlpi_phnum; i++) {
+         const ElfW(Phdr) &ph = info.dlpi_phdr[i];
+         if (ph.p_type == PT_GNU_RELRO) {
+            relroFrom = (info.dlpi_addr + ph.p_vaddr) & ~(page - 1);
+            relroTo = (info.dlpi_addr + ph.p_vaddr + ph.p_memsz) & ~(page - 1);
+         }
       }
-   }
-   return 0;
+      auto keep = [&](uintptr_t from, uintptr_t to) {
+         if (to > from) {
+            auto *p = reinterpret_cast<uint8_t *>(from);
+            std::vector<uint8_t> bytes(to - from);
+            CopyImageBytes(bytes.data(), p, bytes.size());
+            r->image.emplace_back(p, std::move(bytes));
+         }
+      };
+      for (int i = 0; i < info.dlpi_phnum; i++) {
+         const ElfW(Phdr) &ph = info.dlpi_phdr[i];
+         if (ph.p_type != PT_LOAD || (ph.p_flags & PF_W) == 0) {
+            continue;
+         }
+         const uintptr_t from = info.dlpi_addr + ph.p_vaddr, to = from + ph.p_memsz;
+         keep(from, std::min(to, std::max(from, relroFrom)));
+         keep(std::max(from, relroTo), to);
+      }
+   });
 }
 
 // The address ranges an object's segments are mapped at.
 std::vector<std::pair<uintptr_t, uintptr_t>> LoadedRanges(void *handle) {
    std::vector<std::pair<uintptr_t, uintptr_t>> ranges;
-   struct link_map *map = nullptr;
-   if (dlinfo(handle, RTLD_DI_LINKMAP, &map) == 0 && map != nullptr) {
-      RangeSearch q{static_cast<uintptr_t>(map->l_addr), &ranges};
-      dl_iterate_phdr(CollectLoaded, &q);
-   }
+   WithProgramHeaders(handle, [&](const dl_phdr_info &info) {
+      for (int i = 0; i < info.dlpi_phnum; i++) {
+         const ElfW(Phdr) &ph = info.dlpi_phdr[i];
+         if (ph.p_type == PT_LOAD) {
+            const uintptr_t from = info.dlpi_addr + ph.p_vaddr;
+            ranges.emplace_back(from, from + ph.p_memsz);
+         }
+      }
+   });
    return ranges;
 }
 

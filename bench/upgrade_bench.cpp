@@ -17,8 +17,9 @@
 //
 // To profile the blackout alone, let perf start disabled and have the
 // program switch it on at the first block and off after the takeover:
-//   mkfifo /tmp/ctl && perf record -D -1 --control fifo:/tmp/ctl -g -- 
-//      build/default/bench/lus_upgrade_bench --ports 16384 --perf-control /tmp/ctl
+//   mkfifo /tmp/ctl
+//   perf record -D -1 --control fifo:/tmp/ctl -g -- build/default/bench/lus_upgrade_bench
+//      --ports 16384 --perf-control /tmp/ctl
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -50,6 +51,11 @@
 namespace {
 
 constexpr uint32_t kPortsPerPortset = 1024;
+
+// The flow's steps that open and close the blackout (the first block, the
+// last restore).
+constexpr const char *kBlackoutFirstStep = "block";
+constexpr const char *kBlackoutLastStep = "new datapath takes over";
 
 // perf's control FIFO (--perf-control), or empty, and the one step to
 // profile (--perf-step), or empty for the whole blackout.
@@ -321,15 +327,15 @@ class Run {
       auto progress = [&](const lusctl::StepRecord &s, int, bool done) {
          const std::string key = fmt::format("{:02d} {}", s.index, s.name);
          if (!done) {
-            if (s.name == (gPerfStep.empty() ? "block" : gPerfStep)) PerfControl("enable");
+            if (s.name == (gPerfStep.empty() ? kBlackoutFirstStep : gPerfStep)) PerfControl("enable");
             started[key] = {WallMs(), CpuMs()};
-            if (s.name == "block") faultsAtBlock = PageFaults();
+            if (s.name == kBlackoutFirstStep) faultsAtBlock = PageFaults();
             return;
          }
-         if (s.name == (gPerfStep.empty() ? "new datapath takes over" : gPerfStep)) PerfControl("disable");
+         if (s.name == (gPerfStep.empty() ? kBlackoutLastStep : gPerfStep)) PerfControl("disable");
          r.stepWallMs[key] = WallMs() - started[key].first;
          r.stepCpuMs[key] = CpuMs() - started[key].second;
-         if (s.name == "new datapath takes over") r.blackoutPageFaults = PageFaults() - faultsAtBlock;
+         if (s.name == kBlackoutLastStep) r.blackoutPageFaults = PageFaults() - faultsAtBlock;
       };
       lusctl::FlowResult flow = lusctl::RunFlow(env_, Options(), progress);
       if (!flow.ok) {
@@ -351,9 +357,9 @@ class Run {
       bool in = false;
       for (const auto &[key, cpu] : r.stepCpuMs) {
          const std::string name = key.substr(3);
-         if (name == "block") in = true;
+         if (name == kBlackoutFirstStep) in = true;
          if (in) r.blackoutCpuMs += cpu;
-         if (name == "new datapath takes over") in = false;
+         if (name == kBlackoutLastStep) in = false;
       }
       Outages(r);
    }

@@ -96,6 +96,10 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
    if (ps == t.portsets.end()) {
       return HYK_NOT_FOUND;
    }
+   if (t.nextPort >= fabric::IdTable<fabric::PortIdentity>::kCapacity ||
+       t.nextVnic >= fabric::IdTable<fabric::PortIdentity>::kCapacity) {
+      return HYK_LIMIT_EXCEEDED;
+   }
    fabric::Port port;
    port.id = t.nextPort++;
    port.portset = portset;
@@ -103,10 +107,24 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
    for (const auto &[key, value] : desc.properties) {
       port.props[key] = fabric::Stored(value.data(), static_cast<uint32_t>(value.size()));
    }
+   uint64_t vnicNumber = 0;
    if (fabric::IsVnic(port)) {
-      port.vnic = (uint64_t{0x7f1c} << 32) | t.nextVnic++;
-      t.vnics[port.vnic] = port.id;
+      vnicNumber = t.nextVnic++;
+      port.vnic = (uint64_t{fabric::kVnicHandleTag} << 32) | vnicNumber;
    }
+   auto identity = std::make_unique<fabric::PortIdentity>();
+   identity->id = port.id;
+   identity->clientType = desc.clientType;
+   identity->vnicIndex = desc.vnicIndex;
+   identity->vnic = port.vnic;
+   identity->vmUUID = desc.vmUUID;
+   identity->fabricPortID = desc.fabricPortID;
+   port.identity = identity.get();
+   t.identities.Set(port.id, identity.get());
+   if (vnicNumber != 0) {
+      t.vnicIdentities.Set(vnicNumber, identity.get());
+   }
+   t.issuedIdentities.push_back(std::move(identity));
    ps->second->ports.push_back(port.id);  // IDs only grow: stays sorted
    *portID = port.id;
    t.ports.emplace(port.id, std::move(port));
@@ -126,7 +144,7 @@ hyk_Status RemovePort(hyk_PortID portID) {
       ps.ports.erase(member);
    }
    ps.removals.fetch_add(1, std::memory_order_release);
-   t.vnics.erase(p->vnic);
+   fabric::WithdrawIdentity(t, *p);
    t.ports.erase(portID);
    return HYK_OK;
 }
@@ -195,10 +213,12 @@ hyk_Status hyk_PortGetClientType(hyk_PortID portID, uint32_t *clientType) {
    if (clientType == nullptr) {
       return HYK_BAD_PARAM;
    }
-   return WithPort(portID, [&](Port &p) -> hyk_Status {
-      *clientType = p.desc.clientType;
-      return HYK_OK;
-   });
+   const auto *id = hyksim::fabric::FindIdentity(portID);
+   if (id == nullptr) {
+      return HYK_NOT_FOUND;
+   }
+   *clientType = id->clientType;
+   return HYK_OK;
 }
 
 hyk_Status hyk_PortGetVMUUID(hyk_PortID portID, char *uuid, uint32_t len) {
@@ -206,12 +226,14 @@ hyk_Status hyk_PortGetVMUUID(hyk_PortID portID, char *uuid, uint32_t len) {
    if (uuid == nullptr || len == 0) {
       return HYK_BAD_PARAM;
    }
-   return WithPort(portID, [&](Port &p) -> hyk_Status {
-      if (!hyksim::fabric::IsVnic(p)) {
-         return HYK_NOT_SUPPORTED;
-      }
-      return hyksim::fabric::CopyBounded(p.desc.vmUUID, uuid, len);
-   });
+   const auto *id = hyksim::fabric::FindIdentity(portID);
+   if (id == nullptr) {
+      return HYK_NOT_FOUND;
+   }
+   if (id->clientType != HYK_PORT_CLIENT_VNIC) {
+      return HYK_NOT_SUPPORTED;
+   }
+   return hyksim::fabric::CopyBounded(id->vmUUID, uuid, len);
 }
 
 hyk_Status hyk_VNICHandleGet(hyk_PortID portID, hyk_VNICHandle *vnic) {
@@ -219,13 +241,15 @@ hyk_Status hyk_VNICHandleGet(hyk_PortID portID, hyk_VNICHandle *vnic) {
    if (vnic == nullptr) {
       return HYK_BAD_PARAM;
    }
-   return WithPort(portID, [&](Port &p) -> hyk_Status {
-      if (!hyksim::fabric::IsVnic(p)) {
-         return HYK_NOT_SUPPORTED;
-      }
-      *vnic = p.vnic;
-      return HYK_OK;
-   });
+   const auto *id = hyksim::fabric::FindIdentity(portID);
+   if (id == nullptr) {
+      return HYK_NOT_FOUND;
+   }
+   if (id->clientType != HYK_PORT_CLIENT_VNIC) {
+      return HYK_NOT_SUPPORTED;
+   }
+   *vnic = id->vnic;
+   return HYK_OK;
 }
 
 hyk_Status hyk_VNICIndexGet(hyk_VNICHandle vnic, uint32_t *index) {
@@ -233,13 +257,11 @@ hyk_Status hyk_VNICIndexGet(hyk_VNICHandle vnic, uint32_t *index) {
    if (index == nullptr) {
       return HYK_BAD_PARAM;
    }
-   auto &t = hyksim::fabric::Topo();
-   std::lock_guard<std::mutex> lk(t.mu);
-   auto it = t.vnics.find(vnic);
-   if (it == t.vnics.end()) {
+   const auto *id = hyksim::fabric::FindVnicIdentity(vnic);
+   if (id == nullptr) {
       return HYK_INVALID_HANDLE;
    }
-   *index = t.ports.at(it->second).desc.vnicIndex;
+   *index = id->vnicIndex;
    return HYK_OK;
 }
 
@@ -250,9 +272,11 @@ hyk_Status hyk_PortLookupFabricPortID(hyk_PortID portID, char *fabricPortID, uin
    if (fabricPortID == nullptr || len == 0) {
       return HYK_BAD_PARAM;
    }
-   return WithPort(portID, [&](Port &p) -> hyk_Status {
-      return hyksim::fabric::CopyBounded(p.desc.fabricPortID, fabricPortID, len);
-   });
+   const auto *id = hyksim::fabric::FindIdentity(portID);
+   if (id == nullptr) {
+      return HYK_NOT_FOUND;
+   }
+   return hyksim::fabric::CopyBounded(id->fabricPortID, fabricPortID, len);
 }
 
 hyk_Status hyk_FabricPortFlagIsSet(hyk_PortID portID, uint32_t flag, uint8_t *isSet) {

@@ -30,7 +30,10 @@ void DropEverything(Topology &t) {
    }
    t.portsets.clear();
    t.ports.clear();
-   t.vnics.clear();
+   // No module runs during a reset: nobody is looking identities up.
+   t.identities.Clear();
+   t.vnicIdentities.Clear();
+   t.issuedIdentities.clear();
    t.handles.clear();
    t.nextPort = 1;
    t.cv.notify_all();
@@ -190,6 +193,22 @@ Portset *LockedPortset(Topology &t, hyk_Portset *ps) {
    return it == t.handles.end() ? nullptr : it->second.portset.get();
 }
 
+const PortIdentity *FindIdentity(hyk_PortID id) { return Topo().identities.Find(id); }
+
+const PortIdentity *FindVnicIdentity(hyk_VNICHandle vnic) {
+   if (vnic >> 32 != kVnicHandleTag) {
+      return nullptr;
+   }
+   return Topo().vnicIdentities.Find(vnic & 0xffffffffu);
+}
+
+void WithdrawIdentity(Topology &t, const Port &p) {
+   t.identities.Set(p.id, nullptr);
+   if (p.vnic != 0) {
+      t.vnicIdentities.Set(p.vnic & 0xffffffffu, nullptr);
+   }
+}
+
 Port *LockedPort(Topology &t, hyk_PortID id) {
    auto it = t.ports.find(id);
    return it == t.ports.end() ? nullptr : &it->second;
@@ -289,7 +308,7 @@ hyk_Status RemovePortset(const std::string &name) {
       return HYK_BUSY;
    }
    for (hyk_PortID id : ps.ports) {
-      t.vnics.erase(t.ports[id].vnic);
+      fabric::WithdrawIdentity(t, t.ports[id]);
       t.ports.erase(id);
    }
    ps.removals.fetch_add(ps.ports.size(), std::memory_order_release);

@@ -4,6 +4,11 @@
 // One mutex guards all of it.  It is never held while the host calls out
 // (port visitors, event handlers), so a module may call back into the host
 // from anything the host calls.  Exclusive acquisition waits on `cv`.
+//
+// What never changes about a port once it is added (its identity: client
+// type, VM UUID, vNIC, distributed-switch port ID) is also published in
+// lock-free tables keyed by port ID and by vNIC, so that the lookups a
+// module makes for every port of an upgrade take no mutex.
 #pragma once
 
 #include <algorithm>
@@ -22,8 +27,81 @@
 
 namespace hyksim::fabric {
 
+// The high word of every vNIC handle; the low word numbers the vNIC.
+constexpr uint64_t kVnicHandleTag = 0x7f1c;
+
+// A port's identity: written once before it is published, then only read.
+// Identities outlive their ports until the host resets, so that a lookup
+// racing a removal reads a live object (and finds the port or not, as a
+// lookup under the mutex would, one side of the removal or the other).
+struct PortIdentity {
+   hyk_PortID id = 0;
+   uint32_t clientType = 0;
+   uint32_t vnicIndex = 0;
+   hyk_VNICHandle vnic = 0;   // 0 unless the port is a vNIC
+   std::string vmUUID;
+   std::string fabricPortID;
+};
+
+// A table from a dense number to a published pointer: lock-free lookups,
+// changes under the owner's mutex.  Chunks of entries are allocated as
+// numbers reach them and never move, so a reader needs no lock to walk
+// the two levels.  Numbers at or past kCapacity have no entry.
+template <class T>
+class IdTable {
+  public:
+   static constexpr uint64_t kChunkBits = 10;
+   static constexpr uint64_t kChunks = uint64_t(1) << 14;
+   static constexpr uint64_t kCapacity = kChunks << kChunkBits;
+
+   IdTable() = default;
+   IdTable(const IdTable &) = delete;
+   IdTable &operator=(const IdTable &) = delete;
+   ~IdTable() { Clear(); }
+
+   const T *Find(uint64_t n) const {
+      if (n >= kCapacity) {
+         return nullptr;
+      }
+      const Chunk *c = chunks_[n >> kChunkBits].load(std::memory_order_acquire);
+      return c == nullptr ? nullptr : c->at[n & kMask].load(std::memory_order_acquire);
+   }
+
+   // Under the owner's mutex; false when n is past the capacity.
+   bool Set(uint64_t n, const T *value) {
+      if (n >= kCapacity) {
+         return false;
+      }
+      std::atomic<Chunk *> &slot = chunks_[n >> kChunkBits];
+      Chunk *c = slot.load(std::memory_order_relaxed);
+      if (c == nullptr) {
+         c = new Chunk();
+         slot.store(c, std::memory_order_release);
+      }
+      c->at[n & kMask].store(value, std::memory_order_release);
+      return true;
+   }
+
+   // Only while nobody can be looking up (a host reset).
+   void Clear() {
+      for (auto &slot : chunks_) {
+         if (slot.load(std::memory_order_relaxed) != nullptr) {
+            delete slot.exchange(nullptr, std::memory_order_acq_rel);
+         }
+      }
+   }
+
+  private:
+   static constexpr uint64_t kMask = (uint64_t(1) << kChunkBits) - 1;
+   struct Chunk {
+      std::atomic<const T *> at[uint64_t(1) << kChunkBits] = {};
+   };
+   std::atomic<Chunk *> chunks_[kChunks] = {};
+};
+
 struct Port {
    hyk_PortID id = 0;
+   const PortIdentity *identity = nullptr;
    std::string portset;
    PortSpec desc;                // desc.properties is rebuilt from `props` for views
    // Property values with a trailing NUL the length leaves out; the host
@@ -75,7 +153,12 @@ struct Topology {
    std::map<std::string, std::shared_ptr<Portset>> portsets;
    // Looked up on every port call of a module: hashed (Ports() sorts its view).
    std::unordered_map<hyk_PortID, Port> ports;
-   std::unordered_map<hyk_VNICHandle, hyk_PortID> vnics;
+   // The identities of live ports by port ID and by vNIC number (the low
+   // word of a vNIC handle), and every identity handed out since the last
+   // reset (see PortIdentity).
+   IdTable<PortIdentity> identities;
+   IdTable<PortIdentity> vnicIdentities;
+   std::vector<std::unique_ptr<PortIdentity>> issuedIdentities;
    std::unordered_map<const hyk_Portset *, Handle> handles;
    hyk_PortID nextPort = 1;
    uint64_t nextVnic = 1;
@@ -94,5 +177,13 @@ Topology &Topo();
 Portset *LockedPortset(Topology &t, hyk_Portset *ps);
 // With Topo().mu held: the port of that ID, or nullptr.
 Port *LockedPort(Topology &t, hyk_PortID id);
+
+// Without any lock: the identity of a live port, or nullptr.
+const PortIdentity *FindIdentity(hyk_PortID id);
+// Without any lock: the identity of the port a live vNIC handle names, or nullptr.
+const PortIdentity *FindVnicIdentity(hyk_VNICHandle vnic);
+
+// With Topo().mu held: the port no longer answers the lock-free lookups.
+void WithdrawIdentity(Topology &t, const Port &p);
 
 }  // namespace hyksim::fabric

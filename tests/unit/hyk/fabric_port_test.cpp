@@ -2,9 +2,15 @@
 // properties, custom blocking with the host's own record of blocked
 // intervals on the virtual clock, packet-filter revalidation and fault
 // injection.
+#include <atomic>
 #include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
+#include "../../../hyk/sim/fabric_topology.h"
 #include "fabric_test_support.h"
 
 using namespace fabrictest;
@@ -138,6 +144,119 @@ TEST_F(PortTest, VnicHandleOfARemovedPortIsInvalid) {
    EXPECT_EQ(hyk_VNICIndexGet(0, &index), HYK_INVALID_HANDLE);
    EXPECT_EQ(hyksim::RemovePort(p), HYK_NOT_FOUND);
    EXPECT_TRUE(hyksim::FindPortset("ps0")->ports.empty());
+}
+
+TEST_F(PortTest, EveryLookupOfARemovedPortIsNotFound) {
+   hyk_PortID p = AddVnic("vm", 1, 0, "dvport-1");
+   hyk_PortID kept = AddVnic("vm", 2, 0, "dvport-2");
+   ASSERT_EQ(hyksim::RemovePort(p), HYK_OK);
+   uint32_t type = 0;
+   char buf[HYK_UUID_LEN];
+   hyk_VNICHandle vnic = 0;
+   EXPECT_EQ(hyk_PortGetClientType(p, &type), HYK_NOT_FOUND);
+   EXPECT_EQ(hyk_PortGetVMUUID(p, buf, sizeof buf), HYK_NOT_FOUND);
+   EXPECT_EQ(hyk_VNICHandleGet(p, &vnic), HYK_NOT_FOUND);
+   EXPECT_EQ(hyk_PortLookupFabricPortID(p, buf, sizeof buf), HYK_NOT_FOUND);
+   // The neighbour keeps answering.
+   EXPECT_EQ(hyk_PortLookupFabricPortID(kept, buf, sizeof buf), HYK_OK);
+   EXPECT_STREQ(buf, "dvport-2");
+}
+
+TEST_F(PortTest, RemovingAPortsetWithdrawsTheLookupsOfItsPorts) {
+   std::vector<hyk_PortID> ids = MakePortset("ps1", 3);
+   hyk_VNICHandle vnic = 0;
+   ASSERT_EQ(hyk_VNICHandleGet(ids[1], &vnic), HYK_OK);
+   ASSERT_EQ(hyksim::RemovePortset("ps1"), HYK_OK);
+   uint32_t type = 0, index = 0;
+   for (hyk_PortID id : ids) {
+      EXPECT_EQ(hyk_PortGetClientType(id, &type), HYK_NOT_FOUND) << id;
+   }
+   EXPECT_EQ(hyk_VNICIndexGet(vnic, &index), HYK_INVALID_HANDLE);
+}
+
+TEST_F(PortTest, VnicHandlesOfAnotherShapeOrFromBeforeARestartAreInvalid) {
+   hyk_PortID p = AddVnic("vm", 4);
+   hyk_VNICHandle vnic = 0;
+   ASSERT_EQ(hyk_VNICHandleGet(p, &vnic), HYK_OK);
+   uint32_t index = 0;
+   // Same number, another high word; a number far past any issued.
+   EXPECT_EQ(hyk_VNICIndexGet(vnic ^ (uint64_t{1} << 40), &index), HYK_INVALID_HANDLE);
+   EXPECT_EQ(hyk_VNICIndexGet(vnic + (uint64_t{1} << 31), &index), HYK_INVALID_HANDLE);
+   hyksim::HostStop();
+   hyksim::HostStart();
+   MakePortset("ps0", 0);
+   hyk_PortID q = AddVnic("vm", 5);
+   hyk_VNICHandle fresh = 0;
+   ASSERT_EQ(hyk_VNICHandleGet(q, &fresh), HYK_OK);
+   EXPECT_NE(fresh, vnic);
+   EXPECT_EQ(hyk_VNICIndexGet(vnic, &index), HYK_INVALID_HANDLE);
+   EXPECT_EQ(hyk_VNICIndexGet(fresh, &index), HYK_OK);
+   EXPECT_EQ(index, 5u);
+}
+
+// Lookups take no lock: while ports come and go, a reader sees each port
+// whole (its own UUID and index) or not at all.
+TEST_F(PortTest, LookupsRacingAddsAndRemovalsSeeWholePortsOrNone) {
+   constexpr int kRounds = 400;
+   std::vector<hyk_PortID> live;
+   std::mutex mu;
+   std::atomic<bool> done{false};
+   std::atomic<long> seen{0};
+   auto reader = [&] {
+      while (!done.load()) {
+         std::vector<hyk_PortID> snapshot;
+         {
+            std::lock_guard<std::mutex> lk(mu);
+            snapshot = live;
+         }
+         for (hyk_PortID id : snapshot) {
+            char uuid[HYK_UUID_LEN];
+            hyk_VNICHandle vnic = 0;
+            uint32_t index = 0;
+            hyk_Status s = hyk_PortGetVMUUID(id, uuid, sizeof uuid);
+            if (s == HYK_NOT_FOUND) {
+               continue;
+            }
+            ASSERT_EQ(s, HYK_OK);
+            ASSERT_EQ(std::string(uuid), "vm-" + std::to_string(id));
+            s = hyk_VNICHandleGet(id, &vnic);
+            if (s != HYK_OK) {
+               ASSERT_EQ(s, HYK_NOT_FOUND);
+               continue;
+            }
+            s = hyk_VNICIndexGet(vnic, &index);
+            if (s == HYK_OK) {
+               ASSERT_EQ(index, id % 1000);
+               seen.fetch_add(1);
+            } else {
+               ASSERT_EQ(s, HYK_INVALID_HANDLE);
+            }
+         }
+      }
+   };
+   std::thread r1(reader), r2(reader);
+   for (int round = 0; round < kRounds; round++) {
+      hyksim::PortSpec desc;
+      desc.clientType = HYK_PORT_CLIENT_VNIC;
+      hyk_PortID id = 0;
+      // The ID is known only once added: name the port after the next one.
+      desc.vmUUID = "vm-" + std::to_string(round + 1);
+      desc.vnicIndex = static_cast<uint32_t>((round + 1) % 1000);
+      ASSERT_EQ(hyksim::AddPort("ps0", desc, &id), HYK_OK);
+      ASSERT_EQ(id, hyk_PortID(round + 1));
+      {
+         std::lock_guard<std::mutex> lk(mu);
+         live.push_back(id);
+         if (live.size() > 8) {
+            ASSERT_EQ(hyksim::RemovePort(live.front()), HYK_OK);
+            live.erase(live.begin());
+         }
+      }
+   }
+   done = true;
+   r1.join();
+   r2.join();
+   EXPECT_GT(seen.load(), 0);
 }
 
 TEST_F(PortTest, PropertiesGetSetAndClear) {
@@ -381,3 +500,24 @@ TEST_F(PortTest, InjectedFaultsOfEveryPortOperation) {
 }
 
 }  // namespace
+
+// The table behind the lock-free lookups: numbers past its capacity are
+// refused, not wrapped onto other entries.
+TEST(IdTableTest, SetFindWithdrawAndTheCapacityEdge) {
+   using Table = hyksim::fabric::IdTable<int>;
+   auto table = std::make_unique<Table>();
+   int a = 1, b = 2;
+   EXPECT_EQ(table->Find(0), nullptr);
+   EXPECT_TRUE(table->Set(5, &a));
+   EXPECT_TRUE(table->Set(Table::kCapacity - 1, &b));
+   EXPECT_EQ(table->Find(5), &a);
+   EXPECT_EQ(table->Find(Table::kCapacity - 1), &b);
+   EXPECT_EQ(table->Find(6), nullptr);
+   EXPECT_FALSE(table->Set(Table::kCapacity, &a));
+   EXPECT_EQ(table->Find(Table::kCapacity), nullptr);
+   EXPECT_EQ(table->Find(Table::kCapacity + 5), nullptr);
+   EXPECT_TRUE(table->Set(5, nullptr));
+   EXPECT_EQ(table->Find(5), nullptr);
+   table->Clear();
+   EXPECT_EQ(table->Find(Table::kCapacity - 1), nullptr);
+}

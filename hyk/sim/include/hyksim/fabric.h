@@ -36,7 +36,8 @@ struct PortSpec {
 hyk_Status AddPortset(const PortsetSpec &desc);
 hyk_Status RemovePortset(const std::string &name);
 // Adds a port to a portset; *portID receives the host's port ID (IDs are
-// allocated in increasing order).
+// allocated in increasing order).  HYK_LIMIT_EXCEEDED once the host has
+// handed out 16 M port IDs since it started, or 16 M vNICs in this process.
 hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID *portID);
 hyk_Status RemovePort(hyk_PortID portID);
 

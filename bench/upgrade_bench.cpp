@@ -61,6 +61,10 @@ constexpr const char *kBlackoutLastStep = "new datapath takes over";
 // profile (--perf-step), or empty for the whole blackout.
 std::string gPerfControl, gPerfStep;
 
+// The upgrading host's log buffer (--log-buffer-mib): a host sized for
+// thousands of ports has one that holds an upgrade's per-port lines.
+uint64_t gLogBufferMiB = 32;
+
 void PerfControl(const char *command) {
    if (gPerfControl.empty()) return;
    std::ofstream(gPerfControl) << command << "\n" << std::flush;
@@ -242,6 +246,7 @@ class Run {
       r.p = p_;
       hyksim::HostOptions o;
       o.virtualClock = false;
+      o.logBufferBytes = gLogBufferMiB << 20;
       hyksim::HostStart(o);
       try {
          Setup();
@@ -465,6 +470,7 @@ nlohmann::json Json(const Result &r) {
    j["floorWallMs"] = r.floor.wallMs;
    j["floorCpuMs"] = r.floor.cpuMs;
    j["logLines"] = r.logLines;
+   j["logBufferMiB"] = gLogBufferMiB;
    j["blackoutPageFaults"] = r.blackoutPageFaults;
    j["floorPageFaults"] = r.floor.pageFaults;
    j["runs"] = r.runs;
@@ -596,6 +602,9 @@ int main(int argc, char **argv) {
    int repeat = 1;
    app.add_option("--repeat", repeat, "run every point N times and keep the run of the median CPU ratio")
        ->capture_default_str()->check(CLI::Range(1, 99));
+   app.add_option("--log-buffer-mib", gLogBufferMiB,
+                  "the host's log buffer, made ready when it starts (0: taken as lines come)")
+       ->capture_default_str()->check(CLI::Range(0, 4096));
    app.add_option("--perf-control", gPerfControl,
                   "perf's control FIFO: profile only from the first block to the takeover's end");
    app.add_option("--perf-step", gPerfStep, "with --perf-control: profile only this step of the flow (e.g. save)");

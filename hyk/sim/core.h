@@ -23,6 +23,7 @@ bool VirtualClock();
 bool SleepAdvancesClock();
 uint64_t CounterFrequency();
 std::string LogFilePath();
+uint64_t LogBufferBytes();
 
 // ---- clock (clock.cpp) -------------------------------------------------------
 void ClockReset(bool virtualClock);

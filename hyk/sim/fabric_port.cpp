@@ -112,19 +112,18 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
       vnicNumber = t.nextVnic++;
       port.vnic = (uint64_t{fabric::kVnicHandleTag} << 32) | vnicNumber;
    }
-   auto identity = std::make_unique<fabric::PortIdentity>();
+   fabric::PortIdentity *identity = t.issuedIdentities.New();
    identity->id = port.id;
    identity->clientType = desc.clientType;
    identity->vnicIndex = desc.vnicIndex;
    identity->vnic = port.vnic;
    identity->vmUUID = desc.vmUUID;
    identity->fabricPortID = desc.fabricPortID;
-   port.identity = identity.get();
-   t.identities.Set(port.id, identity.get());
+   port.identity = identity;
+   t.identities.Set(port.id, identity);
    if (vnicNumber != 0) {
-      t.vnicIdentities.Set(vnicNumber, identity.get());
+      t.vnicIdentities.Set(vnicNumber, identity);
    }
-   t.issuedIdentities.push_back(std::move(identity));
    ps->second->ports.push_back(port.id);  // IDs only grow: stays sorted
    *portID = port.id;
    t.ports.emplace(port.id, std::move(port));

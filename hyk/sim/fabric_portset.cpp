@@ -33,7 +33,7 @@ void DropEverything(Topology &t) {
    // No module runs during a reset: nobody is looking identities up.
    t.identities.Clear();
    t.vnicIdentities.Clear();
-   t.issuedIdentities.clear();
+   t.issuedIdentities.Clear();
    t.handles.clear();
    t.nextPort = 1;
    t.cv.notify_all();

@@ -99,6 +99,30 @@ class IdTable {
    std::atomic<Chunk *> chunks_[kChunks] = {};
 };
 
+// Identities in slabs, in the order ports are added: an upgrade visits
+// ports in that order, so the identities it reads lie side by side in
+// memory instead of one allocation apart.  Handed out until the host
+// resets, never freed one by one.
+class IdentityArena {
+  public:
+   PortIdentity *New() {
+      if (slabs_.empty() || used_ == kSlab) {
+         slabs_.push_back(std::make_unique<PortIdentity[]>(kSlab));
+         used_ = 0;
+      }
+      return &slabs_.back()[used_++];
+   }
+   void Clear() {
+      slabs_.clear();
+      used_ = 0;
+   }
+
+  private:
+   static constexpr size_t kSlab = 1024;
+   std::vector<std::unique_ptr<PortIdentity[]>> slabs_;
+   size_t used_ = 0;
+};
+
 struct Port {
    hyk_PortID id = 0;
    const PortIdentity *identity = nullptr;
@@ -158,7 +182,7 @@ struct Topology {
    // reset (see PortIdentity).
    IdTable<PortIdentity> identities;
    IdTable<PortIdentity> vnicIdentities;
-   std::vector<std::unique_ptr<PortIdentity>> issuedIdentities;
+   IdentityArena issuedIdentities;
    std::unordered_map<const hyk_Portset *, Handle> handles;
    hyk_PortID nextPort = 1;
    uint64_t nextVnic = 1;

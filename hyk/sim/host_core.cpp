@@ -24,6 +24,7 @@ struct Options {
    std::atomic<bool> virtualClock{true};
    std::atomic<bool> sleepAdvancesClock{true};
    std::atomic<uint64_t> counterFrequency{1000000000ull};
+   std::atomic<uint64_t> logBufferBytes{0};
    std::mutex mu;  // guards logFile
    std::string logFile;
 };
@@ -72,6 +73,7 @@ void ApplyOptions(const HostOptions &options) {
    // A zero frequency would make every duration a division by zero in the
    // modules; the host promises never to report it.
    o.counterFrequency = options.counterFrequency ? options.counterFrequency : 1000000000ull;
+   o.logBufferBytes = options.logBufferBytes;
    std::lock_guard<std::mutex> lk(o.mu);
    o.logFile = options.logFile;
 }
@@ -94,6 +96,7 @@ namespace core {
 bool VirtualClock() { return Opts().virtualClock.load(std::memory_order_relaxed); }
 bool SleepAdvancesClock() { return Opts().sleepAdvancesClock.load(std::memory_order_relaxed); }
 uint64_t CounterFrequency() { return Opts().counterFrequency.load(std::memory_order_relaxed); }
+uint64_t LogBufferBytes() { return Opts().logBufferBytes.load(std::memory_order_relaxed); }
 
 std::string LogFilePath() {
    std::lock_guard<std::mutex> lk(Opts().mu);
@@ -217,6 +220,7 @@ HostOptions CurrentHostOptions() {
    o.virtualClock = core::VirtualClock();
    o.sleepAdvancesClock = core::SleepAdvancesClock();
    o.counterFrequency = core::CounterFrequency();
+   o.logBufferBytes = core::LogBufferBytes();
    o.logFile = core::LogFilePath();
    return o;
 }

@@ -109,6 +109,13 @@ void CheckRank(const Lock &l, const char *op) {
 }
 
 void AcquireWrite(Lock &l) {
+   // A free lock is taken at once; only a writer that has to wait says so
+   // (it keeps new readers out), which costs two more atomic operations.
+   int32_t free = 0;
+   if (l.state.compare_exchange_strong(free, -1, std::memory_order_acquire,
+                                       std::memory_order_relaxed)) {
+      return;
+   }
    l.writersWaiting.fetch_add(1, std::memory_order_relaxed);
    for (unsigned spins = 0;; spins++) {
       int32_t expected = 0;

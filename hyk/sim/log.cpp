@@ -107,7 +107,9 @@ struct Line {
 class Records {
   public:
    static constexpr size_t kBlockBytes = size_t(1) << 20;
-   static constexpr size_t kSpareBlocks = 8;  // kept for reuse once formatted
+   // Formatted blocks kept for reuse, at least; the host's log buffer
+   // (HostOptions::logBufferBytes) may keep more.
+   static constexpr size_t kSpareBlocks = 8;
 
    bool empty() const { return bytes_ == 0; }
    size_t bytes() const { return bytes_; }
@@ -147,10 +149,11 @@ class Records {
       }
    }
 
-   // Empties this, handing blocks of the standard size to `spare`.
-   void Clear(std::vector<std::unique_ptr<char[]>> &spare) {
+   // Empties this, handing blocks of the standard size to `spare` until it
+   // holds `keep`.
+   void Clear(std::vector<std::unique_ptr<char[]>> &spare, size_t keep) {
       for (Block &b : blocks_) {
-         if (b.size == kBlockBytes && spare.size() < kSpareBlocks) {
+         if (b.size == kBlockBytes && spare.size() < keep) {
             spare.push_back(std::move(b.data));
          }
       }
@@ -177,6 +180,7 @@ struct Queue {
    std::condition_variable cv;
    Records pending;
    std::vector<std::unique_ptr<char[]>> spare;  // blocks for reuse
+   size_t keepSpare = Records::kSpareBlocks;     // the log buffer's blocks
    // Copies of the formats of queued lines whose module was unloaded before
    // they were formatted (LogKeepFormats); dropped when nothing is queued.
    std::vector<std::unique_ptr<char[]>> keptFormats;
@@ -255,6 +259,29 @@ uint64_t FormatBatch(Sink &s, Records &batch) {
    return n;
 }
 
+// The host's log buffer: spare blocks whose pages are already in memory,
+// enough for `bytes` of records, so that a burst of lines within it costs
+// its callers no page faults (without it, each 4 KiB of records cost the
+// caller who crossed into it a fault: most of what queueing a line cost).
+// Allocated and touched without the queue's lock; never shrunk.
+void FillLogBuffer(Queue &q, uint64_t bytes) {
+   const size_t blocks = static_cast<size_t>((bytes + Records::kBlockBytes - 1) / Records::kBlockBytes);
+   size_t missing;
+   {
+      std::lock_guard<std::mutex> lk(q.mu);
+      q.keepSpare = std::max(q.keepSpare, blocks);
+      missing = blocks - std::min(q.spare.size(), blocks);
+   }
+   std::vector<std::unique_ptr<char[]>> fresh;
+   for (size_t i = 0; i < missing; i++) {
+      fresh.push_back(std::make_unique<char[]>(Records::kBlockBytes));  // zeroed: touched
+   }
+   std::lock_guard<std::mutex> lk(q.mu);
+   for (auto &b : fresh) {
+      q.spare.push_back(std::move(b));
+   }
+}
+
 void LoggerMain() {
    tIsLogger = true;
    Queue &q = TheQueue();
@@ -310,7 +337,7 @@ void LoggerMain() {
       sinkLock.unlock();
       batchFormats.clear();
       std::lock_guard<std::mutex> lk(q.mu);
-      batch.Clear(q.spare);
+      batch.Clear(q.spare, q.keepSpare);
    }
 }
 
@@ -527,6 +554,9 @@ void LogStart() {
       }
    }
    Queue &q = TheQueue();
+   // On the starting thread, so that nothing of it runs in the background
+   // once the host has started.
+   FillLogBuffer(q, LogBufferBytes());
    std::lock_guard<std::mutex> lk(q.mu);
    static std::once_flag atfork;
    std::call_once(atfork, [] { pthread_atfork(nullptr, nullptr, MarkForkedChild); });

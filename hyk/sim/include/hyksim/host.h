@@ -24,6 +24,10 @@ struct HostOptions {
    bool sleepAdvancesClock = true;   // virtual clock: hyk_WorldSleep moves time itself
    std::string logFile;              // "" = keep the log in memory only
    uint64_t counterFrequency = 1000000000ull;  // ticks per second of the monotonic counter
+   // Log memory made ready when the host starts, as a kernel sizes its log
+   // buffer at boot: lines queued within it touch no fresh memory.  0:
+   // memory is taken as lines come.  Kept (never shrunk) across restarts.
+   uint64_t logBufferBytes = 0;
 };
 
 // Starts (or restarts) the host: every object of an earlier host is dropped,

@@ -222,6 +222,38 @@ TEST_F(LogTest, LogClearEmptiesTheLog) {
    EXPECT_FALSE(hyksim::LogContains("something"));
 }
 
+// A host started with a log buffer: lines within it, across it and after a
+// restart (the buffer is kept) all arrive, in order and intact.
+class LogBufferTest : public LogTest {
+  protected:
+   hyksim::HostOptions Options() override {
+      hyksim::HostOptions o;
+      o.logBufferBytes = 2u << 20;
+      return o;
+   }
+};
+
+TEST_F(LogBufferTest, LinesWithinAndBeyondTheBufferArriveInOrder) {
+   EXPECT_EQ(hyksim::CurrentHostOptions().logBufferBytes, 2u << 20);
+   for (int round = 0; round < 2; round++) {
+      hyk_LogHandle h = Register("buf", 3);
+      // About 5 MiB of records: the buffer's two blocks and fresh ones.
+      constexpr int kCalls = 60000;
+      for (int i = 0; i < kCalls; i++) {
+         hyk_LogLevel(1, h, 3, "%s line %d of round %d\n", "a string argument of some length", i, round);
+      }
+      auto lines = LinesOf("buf");
+      ASSERT_EQ(lines.size(), size_t(kCalls));
+      for (int i = 0; i < kCalls; i += 997) {
+         ASSERT_EQ(lines[i].text,
+                   "a string argument of some length line " + std::to_string(i) + " of round " +
+                       std::to_string(round));
+      }
+      hyksim::HostStop();
+      hyksim::HostStart(Options());
+   }
+}
+
 class LogFileTest : public HostTest {
   protected:
    std::string path_ = ::testing::TempDir() + "hyk_log_file_test.log";

@@ -40,37 +40,83 @@ struct ActiveSpec {
    uint64_t rng = 0;      // splitmix64 state for probability faults
 };
 
-// A call count that threads on different CPUs increment without sharing a
-// cache line: one slot per thread (modulo kSlots), summed when read.  One
-// shared counter cost a cache-line transfer per host call whenever two
-// threads were calling (an ioctl and an event thread, during a takeover).
+// The counting threads' slot indices: a thread owns one from its first
+// count to its exit, and only the owner writes a slot, so a count is a
+// plain load and store of its own cache line (a locked add per host call
+// also made the caller wait for its pending stores).  An index is handed
+// on after its owner exits, with the counts it holds (the pool's mutex
+// orders the last owner's stores before the next owner's loads).  Threads
+// past kCountSlots share one more slot, counted with atomic adds.
+constexpr size_t kCountSlots = 32;
+
+class SlotPool {
+  public:
+   size_t Take() {
+      std::lock_guard<std::mutex> lk(mu_);
+      for (size_t i = 0; i < kCountSlots; i++) {
+         if (!used_[i]) {
+            used_[i] = true;
+            return i;
+         }
+      }
+      return kCountSlots;
+   }
+   void Give(size_t i) {
+      std::lock_guard<std::mutex> lk(mu_);
+      if (i < kCountSlots) {
+         used_[i] = false;
+      }
+   }
+
+  private:
+   std::mutex mu_;
+   bool used_[kCountSlots] = {};
+};
+
+SlotPool &Pool() {
+   static SlotPool *pool = new SlotPool();  // never destroyed: threads count until exit
+   return *pool;
+}
+
+struct SlotOwner {
+   size_t index = Pool().Take();
+   ~SlotOwner() { Pool().Give(index); }
+};
+
+size_t MySlot() {
+   thread_local SlotOwner owner;
+   return owner.index;
+}
+
+// A call count summed over its slots when read.  A reset moves the zero
+// (`base_`) instead of writing other threads' slots.
 class CallCount {
   public:
-   void Add() { slots_[Slot()].n.fetch_add(1, std::memory_order_relaxed); }
-   uint64_t Load() const {
+   void Add() {
+      const size_t i = MySlot();
+      if (i < kCountSlots) {
+         std::atomic<uint64_t> &n = slots_[i].n;
+         n.store(n.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+      } else {
+         slots_[kCountSlots].n.fetch_add(1, std::memory_order_relaxed);
+      }
+   }
+   uint64_t Load() const { return Sum() - base_.load(std::memory_order_relaxed); }
+   void Zero() { base_.store(Sum(), std::memory_order_relaxed); }
+
+  private:
+   uint64_t Sum() const {
       uint64_t sum = 0;
       for (const auto &s : slots_) {
          sum += s.n.load(std::memory_order_relaxed);
       }
       return sum;
    }
-   void Zero() {
-      for (auto &s : slots_) {
-         s.n.store(0, std::memory_order_relaxed);
-      }
-   }
-
-  private:
-   static constexpr size_t kSlots = 16;
-   static size_t Slot() {
-      static std::atomic<size_t> next{0};
-      thread_local size_t mine = next.fetch_add(1, std::memory_order_relaxed) % kSlots;
-      return mine;
-   }
    struct alignas(64) Padded {
       std::atomic<uint64_t> n{0};
    };
-   Padded slots_[kSlots];
+   Padded slots_[kCountSlots + 1];
+   std::atomic<uint64_t> base_{0};
 };
 
 struct OpCounters {

@@ -254,6 +254,37 @@ TEST_F(FaultTest, CallsFromManyThreadsAreCountedExactlyAcrossInjectionAndClearin
    EXPECT_EQ(hyksim::CallCount("hyk_LogSetLevel") - before, uint64_t(kThreads) * kCalls + 1);
 }
 
+// Each counting thread owns a slot until it exits; then the next thread
+// takes it over with the counts it holds.  More threads at once than there
+// are slots share an atomic one.  No call is lost either way.
+TEST_F(FaultTest, CountsSurviveThreadsComingAndGoingAndMoreThreadsThanSlots) {
+   hyk_LogHandle log = 0;
+   hyk_LogProps props{};
+   props.name = "counted";
+   props.defaultLevel = 0;
+   ASSERT_EQ(hyk_LogRegister(&props, &log), HYK_OK);
+   const uint64_t before = hyksim::CallCount("hyk_LogSetLevel");
+   constexpr int kWaves = 3, kThreads = 48, kCalls = 500;
+   for (int wave = 0; wave < kWaves; wave++) {
+      std::atomic<int> started{0};
+      std::vector<std::thread> threads;
+      for (int t = 0; t < kThreads; t++) {
+         threads.emplace_back([&] {
+            // All of a wave's threads hold a slot at once.
+            started++;
+            while (started.load() < kThreads) {
+               std::this_thread::yield();
+            }
+            for (int i = 0; i < kCalls; i++) {
+               ASSERT_EQ(hyk_LogSetLevel(log, 0), HYK_OK);
+            }
+         });
+      }
+      for (auto &t : threads) t.join();
+      EXPECT_EQ(hyksim::CallCount("hyk_LogSetLevel") - before, uint64_t(wave + 1) * kThreads * kCalls);
+   }
+}
+
 TEST_F(FaultTest, HostStartForgetsFaultsAndCounts) {
    hyksim::FaultSpec desc;
    desc.op = "hyk_HeapCreate";

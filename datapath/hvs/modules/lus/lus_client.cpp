@@ -626,6 +626,20 @@ LusClientInst *lusClientInstInitV1(uint32_t portID, LusRegContext *ctx, ClientEn
 }
 
 /*
+ * A record's fields a lookup reads lie on three cache lines of its 216
+ * bytes (the links and clients, vmUUID from offset 68, vnicIndex at 204),
+ * and by the time a phase of the upgrade comes back to a record the state
+ * buffers streaming through have evicted it.  Asking for the three lines at
+ * once lets their misses overlap instead of following one another.
+ */
+static inline void lusPrefetchRecordV0(const LusInstance *rec)
+{
+   __builtin_prefetch(rec);
+   __builtin_prefetch(reinterpret_cast<const char *>(rec) + offsetof(LusInstance, vmUUID));
+   __builtin_prefetch(&rec->vnicIndex);
+}
+
+/*
  * The version 0 lookup: the first record, in bucket order, whose UUID and
  * vNIC index are the given ones (and whose client has the given name, when
  * one is given).  Walking every one of the 16,384 buckets would find it too.
@@ -644,6 +658,7 @@ LusInstance *lusScanV0(const char *uuid, uint32_t vnicIndex, const char *name)
    LusListLinks *chain = &TarnHash_BucketOfKey(lusHashMap, uuid)->chain;
    for (LusListLinks *e = chain->next; e != chain; e = e->next) {
       LusInstance *rec = reinterpret_cast<LusInstance *>(e);
+      lusPrefetchRecordV0(rec);
       if (rec->vnicIndex != vnicIndex || lusStrNCmp(rec->vmUUID, uuid, LUS_UUID_LEN) != 0) {
          continue;
       }

@@ -175,9 +175,37 @@ class Records {
    size_t bytes_ = 0;
 };
 
+// The queue's lock.  Its unlock is a plain release store: the locked
+// instruction of a mutex's unlock made every caller wait, right after
+// writing its record into memory the cache did not hold, until those
+// stores had reached the cache; now they drain while the caller goes on.
+// It guards a record's copy and the logger's swap of the batch; a waiter
+// that spins long yields its CPU.
+class QueueLock {
+  public:
+   void lock() {
+      for (unsigned spins = 0; locked_.exchange(true, std::memory_order_acquire);) {
+         while (locked_.load(std::memory_order_relaxed)) {
+            if (++spins < 64) {
+#if defined(__x86_64__) || defined(__i386__)
+               __builtin_ia32_pause();
+#endif
+            } else {
+               std::this_thread::yield();
+            }
+         }
+      }
+   }
+   bool try_lock() { return !locked_.exchange(true, std::memory_order_acquire); }
+   void unlock() { locked_.store(false, std::memory_order_release); }
+
+  private:
+   std::atomic<bool> locked_{false};
+};
+
 struct Queue {
-   std::mutex mu;
-   std::condition_variable cv;
+   QueueLock mu;
+   std::condition_variable_any cv;
    Records pending;
    std::vector<std::unique_ptr<char[]>> spare;  // blocks for reuse
    size_t keepSpare = Records::kSpareBlocks;     // the log buffer's blocks
@@ -268,7 +296,7 @@ void FillLogBuffer(Queue &q, uint64_t bytes) {
    const size_t blocks = static_cast<size_t>((bytes + Records::kBlockBytes - 1) / Records::kBlockBytes);
    size_t missing;
    {
-      std::lock_guard<std::mutex> lk(q.mu);
+      std::lock_guard<QueueLock> lk(q.mu);
       q.keepSpare = std::max(q.keepSpare, blocks);
       missing = blocks - std::min(q.spare.size(), blocks);
    }
@@ -276,7 +304,7 @@ void FillLogBuffer(Queue &q, uint64_t bytes) {
    for (size_t i = 0; i < missing; i++) {
       fresh.push_back(std::make_unique<char[]>(Records::kBlockBytes));  // zeroed: touched
    }
-   std::lock_guard<std::mutex> lk(q.mu);
+   std::lock_guard<QueueLock> lk(q.mu);
    for (auto &b : fresh) {
       q.spare.push_back(std::move(b));
    }
@@ -299,7 +327,7 @@ void LoggerMain() {
       // record outside the queue still waits for its format.
       std::unique_lock<std::mutex> sinkLock(s.mu, std::defer_lock);
       {
-         std::unique_lock<std::mutex> lk(q.mu);
+         std::unique_lock<QueueLock> lk(q.mu);
          while (q.pending.empty() && !q.stopping) {
             q.loggerWaiting = true;
             q.cv.wait(lk);
@@ -336,7 +364,7 @@ void LoggerMain() {
       s.doneCv.notify_all();
       sinkLock.unlock();
       batchFormats.clear();
-      std::lock_guard<std::mutex> lk(q.mu);
+      std::lock_guard<QueueLock> lk(q.mu);
       batch.Clear(q.spare, q.keepSpare);
    }
 }
@@ -347,7 +375,7 @@ void Enqueue(const char *component, int32_t level, bool warning, const char *fmt
              data, core::ClockNowUS()};
    Queue &q = TheQueue();
    {
-      std::lock_guard<std::mutex> lk(q.mu);
+      std::lock_guard<QueueLock> lk(q.mu);
       if (LoggerUsable(q)) {
          RecordHeader h{line.timeUS, fmt, level, static_cast<uint32_t>(data.size()),
                         static_cast<uint8_t>(line.component.size()), warning};
@@ -378,7 +406,7 @@ bool FlushFor(std::chrono::milliseconds limit, bool bounded) {
    Queue &q = TheQueue();
    uint64_t target;
    {
-      std::lock_guard<std::mutex> lk(q.mu);
+      std::lock_guard<QueueLock> lk(q.mu);
       if (!LoggerUsable(q) || tIsLogger) {
          return true;
       }
@@ -557,7 +585,7 @@ void LogStart() {
    // On the starting thread, so that nothing of it runs in the background
    // once the host has started.
    FillLogBuffer(q, LogBufferBytes());
-   std::lock_guard<std::mutex> lk(q.mu);
+   std::lock_guard<QueueLock> lk(q.mu);
    static std::once_flag atfork;
    std::call_once(atfork, [] { pthread_atfork(nullptr, nullptr, MarkForkedChild); });
    q.running = true;
@@ -568,7 +596,7 @@ void LogStart() {
 void LogStop() {
    Queue &q = TheQueue();
    {
-      std::lock_guard<std::mutex> lk(q.mu);
+      std::lock_guard<QueueLock> lk(q.mu);
       if (!q.thread.joinable()) {
          return;
       }
@@ -601,7 +629,7 @@ void LogKeepFormats(const std::vector<std::pair<uintptr_t, uintptr_t>> &ranges) 
    logfmt::ForgetParsedFormats();
    Queue &q = TheQueue();
    {
-      std::lock_guard<std::mutex> lk(q.mu);
+      std::lock_guard<QueueLock> lk(q.mu);
       std::unordered_map<const char *, const char *> copies;
       q.pending.ForEach([&](RecordHeader &h, const char *) {
          if (h.fmt == nullptr || !inObject(h.fmt)) {

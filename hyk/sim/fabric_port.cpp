@@ -96,8 +96,8 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
    if (ps == t.portsets.end()) {
       return HYK_NOT_FOUND;
    }
-   if (t.nextPort >= fabric::IdTable<fabric::PortIdentity>::kCapacity ||
-       t.nextVnic >= fabric::IdTable<fabric::PortIdentity>::kCapacity) {
+   if (t.nextPort >= fabric::IdTable<fabric::Port>::kCapacity ||
+       t.nextVnic >= fabric::IdTable<fabric::Port>::kCapacity) {
       return HYK_LIMIT_EXCEEDED;
    }
    fabric::Port port;
@@ -116,6 +116,7 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
    identity->id = port.id;
    identity->clientType = desc.clientType;
    identity->vnicIndex = desc.vnicIndex;
+   identity->flags = desc.flags;
    identity->vnic = port.vnic;
    identity->vmUUID = desc.vmUUID;
    identity->fabricPortID = desc.fabricPortID;
@@ -126,7 +127,8 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
    }
    ps->second->ports.push_back(port.id);  // IDs only grow: stays sorted
    *portID = port.id;
-   t.ports.emplace(port.id, std::move(port));
+   auto placed = t.ports.emplace(port.id, std::move(port)).first;
+   t.portsById.Set(placed->first, &placed->second);
    return HYK_OK;
 }
 
@@ -143,7 +145,7 @@ hyk_Status RemovePort(hyk_PortID portID) {
       ps.ports.erase(member);
    }
    ps.removals.fetch_add(1, std::memory_order_release);
-   fabric::WithdrawIdentity(t, *p);
+   fabric::WithdrawPort(t, *p);
    t.ports.erase(portID);
    return HYK_OK;
 }
@@ -283,10 +285,12 @@ hyk_Status hyk_FabricPortFlagIsSet(hyk_PortID portID, uint32_t flag, uint8_t *is
    if (isSet == nullptr || flag == 0) {
       return HYK_BAD_PARAM;
    }
-   return WithPort(portID, [&](Port &p) -> hyk_Status {
-      *isSet = (p.desc.flags & flag) == flag ? 1 : 0;
-      return HYK_OK;
-   });
+   const auto *id = hyksim::fabric::FindIdentity(portID);
+   if (id == nullptr) {
+      return HYK_NOT_FOUND;
+   }
+   *isSet = (id->flags & flag) == flag ? 1 : 0;
+   return HYK_OK;
 }
 
 hyk_Status hyk_FabricPortDataGet(hyk_PortID portID, const char *key, void **value, uint32_t *len) {

@@ -32,6 +32,7 @@ void DropEverything(Topology &t) {
    t.ports.clear();
    // No module runs during a reset: nobody is looking identities up.
    t.identities.Clear();
+   t.portsById.Clear();
    t.vnicIdentities.Clear();
    t.issuedIdentities.Clear();
    t.handles.clear();
@@ -202,16 +203,16 @@ const PortIdentity *FindVnicIdentity(hyk_VNICHandle vnic) {
    return Topo().vnicIdentities.Find(vnic & 0xffffffffu);
 }
 
-void WithdrawIdentity(Topology &t, const Port &p) {
+void WithdrawPort(Topology &t, const Port &p) {
    t.identities.Set(p.id, nullptr);
+   t.portsById.Set(p.id, nullptr);
    if (p.vnic != 0) {
       t.vnicIdentities.Set(p.vnic & 0xffffffffu, nullptr);
    }
 }
 
 Port *LockedPort(Topology &t, hyk_PortID id) {
-   auto it = t.ports.find(id);
-   return it == t.ports.end() ? nullptr : &it->second;
+   return t.portsById.Find(id);
 }
 
 std::string ModuleName(hyk_ModuleID id) {
@@ -308,7 +309,7 @@ hyk_Status RemovePortset(const std::string &name) {
       return HYK_BUSY;
    }
    for (hyk_PortID id : ps.ports) {
-      fabric::WithdrawIdentity(t, t.ports[id]);
+      fabric::WithdrawPort(t, t.ports[id]);
       t.ports.erase(id);
    }
    ps.removals.fetch_add(ps.ports.size(), std::memory_order_release);

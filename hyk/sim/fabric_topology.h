@@ -38,6 +38,7 @@ struct PortIdentity {
    hyk_PortID id = 0;
    uint32_t clientType = 0;
    uint32_t vnicIndex = 0;
+   uint32_t flags = 0;        // HYK_FABRIC_PORT_FLAG_*
    hyk_VNICHandle vnic = 0;   // 0 unless the port is a vNIC
    std::string vmUUID;
    std::string fabricPortID;
@@ -59,7 +60,7 @@ class IdTable {
    IdTable &operator=(const IdTable &) = delete;
    ~IdTable() { Clear(); }
 
-   const T *Find(uint64_t n) const {
+   T *Find(uint64_t n) const {
       if (n >= kCapacity) {
          return nullptr;
       }
@@ -68,7 +69,7 @@ class IdTable {
    }
 
    // Under the owner's mutex; false when n is past the capacity.
-   bool Set(uint64_t n, const T *value) {
+   bool Set(uint64_t n, T *value) {
       if (n >= kCapacity) {
          return false;
       }
@@ -94,7 +95,7 @@ class IdTable {
   private:
    static constexpr uint64_t kMask = (uint64_t(1) << kChunkBits) - 1;
    struct Chunk {
-      std::atomic<const T *> at[uint64_t(1) << kChunkBits] = {};
+      std::atomic<T *> at[uint64_t(1) << kChunkBits] = {};
    };
    std::atomic<Chunk *> chunks_[kChunks] = {};
 };
@@ -180,8 +181,11 @@ struct Topology {
    // The identities of live ports by port ID and by vNIC number (the low
    // word of a vNIC handle), and every identity handed out since the last
    // reset (see PortIdentity).
-   IdTable<PortIdentity> identities;
-   IdTable<PortIdentity> vnicIdentities;
+   IdTable<const PortIdentity> identities;
+   IdTable<const PortIdentity> vnicIdentities;
+   // The same ports by ID for LockedPort: an index, not a hash and a
+   // node chase (under `mu` like `ports`; the nodes never move).
+   IdTable<Port> portsById;
    IdentityArena issuedIdentities;
    std::unordered_map<const hyk_Portset *, Handle> handles;
    hyk_PortID nextPort = 1;
@@ -207,7 +211,8 @@ const PortIdentity *FindIdentity(hyk_PortID id);
 // Without any lock: the identity of the port a live vNIC handle names, or nullptr.
 const PortIdentity *FindVnicIdentity(hyk_VNICHandle vnic);
 
-// With Topo().mu held: the port no longer answers the lock-free lookups.
-void WithdrawIdentity(Topology &t, const Port &p);
+// With Topo().mu held, before the port leaves `ports`: it no longer answers
+// lookups by ID (LockedPort) nor the lock-free ones.
+void WithdrawPort(Topology &t, const Port &p);
 
 }  // namespace hyksim::fabric

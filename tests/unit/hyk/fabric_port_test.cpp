@@ -157,6 +157,13 @@ TEST_F(PortTest, EveryLookupOfARemovedPortIsNotFound) {
    EXPECT_EQ(hyk_PortGetVMUUID(p, buf, sizeof buf), HYK_NOT_FOUND);
    EXPECT_EQ(hyk_VNICHandleGet(p, &vnic), HYK_NOT_FOUND);
    EXPECT_EQ(hyk_PortLookupFabricPortID(p, buf, sizeof buf), HYK_NOT_FOUND);
+   uint8_t isSet = 0;
+   void *value = nullptr;
+   uint32_t len = 0;
+   EXPECT_EQ(hyk_FabricPortFlagIsSet(p, HYK_FABRIC_PORT_FLAG_LSPG, &isSet), HYK_NOT_FOUND);
+   EXPECT_EQ(hyk_FabricPortDataGet(p, "k", &value, &len), HYK_NOT_FOUND);
+   EXPECT_EQ(hyk_PortCustomBlock(p, HYK_PORT_BLOCK_CUSTOM, 0), HYK_NOT_FOUND);
+   EXPECT_FALSE(hyksim::FindPort(p).has_value());
    // The neighbour keeps answering.
    EXPECT_EQ(hyk_PortLookupFabricPortID(kept, buf, sizeof buf), HYK_OK);
    EXPECT_STREQ(buf, "dvport-2");

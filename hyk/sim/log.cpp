@@ -84,13 +84,75 @@ Registry &Reg() {
 // into a block of Records: queueing a line allocates nothing while the
 // block has room.
 struct RecordHeader {
-   uint64_t timeUS;
+   uint64_t stamp;   // host µs, or time stamp counter ticks when `ticks`
    const char *fmt;
    int32_t level;
    uint32_t dataLen;
    uint8_t compLen;
    uint8_t warning;
+   uint8_t ticks;
 };
+
+// When a line was logged.  On the real clock a queued line takes the time
+// stamp counter as it stands, without the ordering the host clock's read
+// needs (that read waits for every load in flight, and was a tenth of an
+// upgrade's blackout at level 3); the logger turns ticks into host µs by
+// interpolating between two readings of both, one when it started and one
+// taken after the batch left the queue, so every tick it converts lies
+// between them and the error stays that of the two readings (a µs or so).
+// On the virtual clock, and where there is no such counter, a line takes
+// the host clock itself.
+struct Stamp {
+   uint64_t value;
+   bool ticks;
+};
+
+Stamp StampNow() {
+#if defined(__x86_64__)
+   if (!core::VirtualClock()) {
+      return {__builtin_ia32_rdtsc(), true};
+   }
+#endif
+   return {core::ClockNowUS(), false};
+}
+
+// A simultaneous reading of the counter and the host clock.
+struct TickAnchor {
+   uint64_t ticks = 0;
+   uint64_t us = 0;
+};
+
+// The counter read between two host-clock reads; of a few tries, the one
+// whose reads lie closest together (a thread preempted between them would
+// otherwise skew every time converted against it).
+TickAnchor AnchorNow() {
+#if defined(__x86_64__)
+   TickAnchor best;
+   uint64_t bestSpread = UINT64_MAX;
+   for (int i = 0; i < 8 && bestSpread > 1; i++) {
+      const uint64_t before = core::ClockNowUS();
+      const uint64_t ticks = __builtin_ia32_rdtsc();
+      const uint64_t after = core::ClockNowUS();
+      if (after - before < bestSpread) {
+         bestSpread = after - before;
+         best = {ticks, before + (after - before) / 2};
+      }
+   }
+   return best;
+#else
+   return {0, core::ClockNowUS()};
+#endif
+}
+
+// Host µs of a tick count taken between the two anchors.
+uint64_t TicksToUS(uint64_t ticks, const TickAnchor &from, const TickAnchor &to) {
+   if (to.ticks <= from.ticks || to.us < from.us) {
+      return to.us;  // a counter that went backwards: the later reading is the best bound
+   }
+   const uint64_t t = std::min(std::max(ticks, from.ticks), to.ticks);
+   const auto scaled = static_cast<unsigned __int128>(t - from.ticks) * (to.us - from.us) / (to.ticks - from.ticks);
+   return from.us + static_cast<uint64_t>(scaled);
+}
 
 struct Line {
    std::string_view component;
@@ -216,6 +278,7 @@ struct Queue {
    bool running = false;
    bool stopping = false;
    bool loggerWaiting = false;  // only then does a caller pay for a wake-up
+   TickAnchor anchor;           // taken when the logger started (see Stamp)
    bool flushWanted = false;    // a reader waits: skip the gathering pause
    std::thread thread;
 };
@@ -275,13 +338,15 @@ void AppendLine(Sink &s, const Line &in) {
 }
 
 // Unpacks and formats a batch of records; returns how many there were.
-uint64_t FormatBatch(Sink &s, Records &batch) {
+uint64_t FormatBatch(Sink &s, Records &batch, const TickAnchor &started) {
+   const TickAnchor now = AnchorNow();
    uint64_t n = 0;
    batch.ForEach([&](RecordHeader &h, const char *rec) {
       const char *p = rec + sizeof h;
       std::string_view comp(p, h.compLen);
       std::string_view data(p + h.compLen, h.dataLen);
-      AppendLine(s, Line{comp, h.level, h.warning != 0, h.fmt, data, h.timeUS});
+      const uint64_t timeUS = h.ticks ? TicksToUS(h.stamp, started, now) : h.stamp;
+      AppendLine(s, Line{comp, h.level, h.warning != 0, h.fmt, data, timeUS});
       n++;
    });
    return n;
@@ -357,7 +422,7 @@ void LoggerMain() {
          batchFormats.swap(q.keptFormats);
          sinkLock.lock();
       }
-      s.formatted += FormatBatch(s, batch);
+      s.formatted += FormatBatch(s, batch, q.anchor);
       if (s.file != nullptr) {
          fflush(s.file);
       }
@@ -371,14 +436,15 @@ void LoggerMain() {
 
 void Enqueue(const char *component, int32_t level, bool warning, const char *fmt,
              std::string_view data) {
+   const Stamp stamp = StampNow();
    Line line{std::string_view(component, strnlen(component, HYK_NAME_LEN - 1)), level, warning, fmt,
-             data, core::ClockNowUS()};
+             data, 0};
    Queue &q = TheQueue();
    {
       std::lock_guard<QueueLock> lk(q.mu);
       if (LoggerUsable(q)) {
-         RecordHeader h{line.timeUS, fmt, level, static_cast<uint32_t>(data.size()),
-                        static_cast<uint8_t>(line.component.size()), warning};
+         RecordHeader h{stamp.value, fmt, level, static_cast<uint32_t>(data.size()),
+                        static_cast<uint8_t>(line.component.size()), warning, stamp.ticks};
          const size_t n = sizeof h + line.component.size() + data.size();
          char *at = q.pending.Append(n, q.spare);
          memcpy(at, &h, sizeof h);
@@ -393,6 +459,7 @@ void Enqueue(const char *component, int32_t level, bool warning, const char *fmt
          return;
       }
    }
+   line.timeUS = stamp.ticks ? core::ClockNowUS() : stamp.value;  // formatted now
    Sink &s = TheSink();
    std::lock_guard<std::mutex> lk(s.mu);
    AppendLine(s, line);
@@ -588,6 +655,7 @@ void LogStart() {
    std::lock_guard<QueueLock> lk(q.mu);
    static std::once_flag atfork;
    std::call_once(atfork, [] { pthread_atfork(nullptr, nullptr, MarkForkedChild); });
+   q.anchor = AnchorNow();  // after the host clock's reset, before any record
    q.running = true;
    q.stopping = false;
    q.thread = std::thread(LoggerMain);

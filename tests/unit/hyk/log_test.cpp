@@ -254,6 +254,38 @@ TEST_F(LogBufferTest, LinesWithinAndBeyondTheBufferArriveInOrder) {
    }
 }
 
+// On the real clock a queued line is stamped with the time stamp counter
+// and the logger converts: the times it reports lie within the host-clock
+// readings taken around the calls (give or take the conversion's few µs),
+// in the order of the calls, and a sleep between two lines shows in full.
+class RealClockLogTest : public LogTest {
+  protected:
+   hyksim::HostOptions Options() override {
+      hyksim::HostOptions o;
+      o.virtualClock = false;
+      return o;
+   }
+};
+
+TEST_F(RealClockLogTest, LineTimesLieBetweenTheHostClockReadingsAroundTheCalls) {
+   constexpr uint64_t kSlackUS = 5;
+   hyk_LogHandle h = Register("timed", 3);
+   const uint64_t before = hyksim::NowUS();
+   hyk_LogLevel(1, h, 3, "first\n");
+   const uint64_t betweenA = hyksim::NowUS();
+   std::this_thread::sleep_for(std::chrono::milliseconds(3));
+   const uint64_t betweenB = hyksim::NowUS();
+   hyk_LogLevel(1, h, 3, "second\n");
+   const uint64_t after = hyksim::NowUS();
+   auto lines = LinesOf("timed");
+   ASSERT_EQ(lines.size(), 2u);
+   EXPECT_GE(lines[0].timeUS + kSlackUS, before);
+   EXPECT_LE(lines[0].timeUS, betweenA + kSlackUS);
+   EXPECT_GE(lines[1].timeUS + kSlackUS, betweenB);
+   EXPECT_LE(lines[1].timeUS, after + kSlackUS);
+   EXPECT_GE(lines[1].timeUS - lines[0].timeUS + kSlackUS, betweenB - betweenA);
+}
+
 class LogFileTest : public HostTest {
   protected:
    std::string path_ = ::testing::TempDir() + "hyk_log_file_test.log";

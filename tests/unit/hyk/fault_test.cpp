@@ -12,6 +12,15 @@ using hyktest::HostTest;
 
 class FaultTest : public HostTest {
   protected:
+   // A log component whose level changes make a cheap, counted host call.
+   hyk_LogHandle CountedLog() {
+      hyk_LogProps props{};
+      props.name = "counted";
+      props.defaultLevel = 0;
+      hyk_LogHandle log = 0;
+      EXPECT_EQ(hyk_LogRegister(&props, &log), HYK_OK);
+      return log;
+   }
    hyk_Status CreateHeap() {
       hyk_HeapProps props = {"h", 0, 0, 100};
       hyk_HeapID heap = 0;
@@ -219,11 +228,7 @@ TEST_F(FaultTest, TraceListsCallsInOrder) {
 // cleared meanwhile, every call is counted once and the fault still fires
 // on exactly the calls it names.
 TEST_F(FaultTest, CallsFromManyThreadsAreCountedExactlyAcrossInjectionAndClearing) {
-   hyk_LogHandle log = 0;
-   hyk_LogProps props{};
-   props.name = "counted";
-   props.defaultLevel = 0;
-   ASSERT_EQ(hyk_LogRegister(&props, &log), HYK_OK);
+   const hyk_LogHandle log = CountedLog();
    const uint64_t before = hyksim::CallCount("hyk_LogSetLevel");
    constexpr int kThreads = 4, kCalls = 20000;
    std::atomic<int> failed{0};
@@ -258,11 +263,7 @@ TEST_F(FaultTest, CallsFromManyThreadsAreCountedExactlyAcrossInjectionAndClearin
 // takes it over with the counts it holds.  More threads at once than there
 // are slots share an atomic one.  No call is lost either way.
 TEST_F(FaultTest, CountsSurviveThreadsComingAndGoingAndMoreThreadsThanSlots) {
-   hyk_LogHandle log = 0;
-   hyk_LogProps props{};
-   props.name = "counted";
-   props.defaultLevel = 0;
-   ASSERT_EQ(hyk_LogRegister(&props, &log), HYK_OK);
+   const hyk_LogHandle log = CountedLog();
    const uint64_t before = hyksim::CallCount("hyk_LogSetLevel");
    constexpr int kWaves = 3, kThreads = 48, kCalls = 500;
    for (int wave = 0; wave < kWaves; wave++) {

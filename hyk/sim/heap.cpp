@@ -128,27 +128,11 @@ class LiveTable {
       }
    }
 
-   // Without the shard's lock: asks for the cache line where `mem`'s entry
-   // would be.  Entries lie at random in a table of megabytes, so a free
-   // or an allocation missed the cache on it after taking the lock; asked
-   // for first, the miss overlaps the work before the lock.  The table's
-   // geometry is read from atomic copies, perhaps stale while it grows:
-   // a prefetch of a stale address costs nothing and reads nothing.
-   void PrefetchHome(void *mem) const {
-      // Acquire: with a table seen, its shift (or a later one's) is too.
-      const Entry *data = hintData_.load(std::memory_order_acquire);
-      if (data != nullptr) {
-         __builtin_prefetch(data + HomeIn(mem, hintShift_.load(std::memory_order_relaxed),
-                                          hintMask_.load(std::memory_order_relaxed)));
-      }
-   }
-
   private:
-   static size_t HomeIn(void *mem, unsigned shift, size_t mask) {
+   size_t Home(void *mem) const {
       // Allocations are 16-byte aligned: the low bits carry nothing.
-      return static_cast<size_t>((reinterpret_cast<uintptr_t>(mem) >> 4) * 0x9e3779b97f4a7c15ull >> shift) & mask;
+      return static_cast<size_t>((reinterpret_cast<uintptr_t>(mem) >> 4) * 0x9e3779b97f4a7c15ull >> shift_) & mask_;
    }
-   size_t Home(void *mem) const { return HomeIn(mem, shift_, mask_); }
 
    void Grow() {
       std::vector<Entry> old;
@@ -157,9 +141,6 @@ class LiveTable {
       slots_.assign(n, Entry{});
       mask_ = n - 1;
       shift_ = 64 - static_cast<unsigned>(__builtin_ctzll(n));
-      hintMask_.store(mask_, std::memory_order_relaxed);
-      hintShift_.store(shift_, std::memory_order_relaxed);
-      hintData_.store(slots_.data(), std::memory_order_release);  // last: see PrefetchHome
       used_ = 0;
       for (const Entry &e : old) {
          if (e.mem != nullptr) {
@@ -172,9 +153,6 @@ class LiveTable {
    size_t mask_ = 0;
    unsigned shift_ = 64;
    size_t used_ = 0;
-   std::atomic<const Entry *> hintData_{nullptr};  // see PrefetchHome
-   std::atomic<size_t> hintMask_{0};
-   std::atomic<unsigned> hintShift_{64};
 };
 
 struct Shard {
@@ -512,9 +490,8 @@ extern "C" void *hyk_HeapAllocWithRA(hyk_HeapID heap, uint32_t size, void *ra) {
       h->failed.fetch_add(1, std::memory_order_relaxed);
       return nullptr;
    }
-   Shard &s = ShardOf(mem);
-   s.live.PrefetchHome(mem);
    h->live.fetch_add(1, std::memory_order_relaxed);
+   Shard &s = ShardOf(mem);
    std::lock_guard<std::mutex> lk(s.mu);
    s.live.Put(mem, Alloc{heap, size, ra});
    return mem;
@@ -524,13 +501,12 @@ extern "C" void hyk_HeapFree(hyk_HeapID heap, void *mem) {
    if (mem == nullptr) {
       return;
    }
-   Shard &s = ShardOf(mem);
-   s.live.PrefetchHome(mem);
    Heap *h = FindLive(heap);
    if (h == nullptr) {
       Panic("hyk_HeapFree: %p freed to invalid heap %#llx", mem,
             static_cast<unsigned long long>(heap));
    }
+   Shard &s = ShardOf(mem);
    std::unique_lock<std::mutex> lk(s.mu);
    const Alloc *a = s.live.Find(mem);
    if (a == nullptr) {

@@ -487,6 +487,42 @@ TEST_F(PortMapRemovalTest, RemovingPortReportsTheStateItDropsDownToOneByte) {
    EXPECT_EQ(hyksim::FindHeap("lus_heap_1")->liveAllocations, 0u);
 }
 
+// Emptying a version 1 map counts as dropped only the records that hold
+// state (a buffer and a length): a buffer of length 0 or a length without a
+// buffer is nothing dropped, and a port counts once however many of its
+// clients dropped state.
+TEST_F(PortMapRemovalTest, EmptyingAVersionOneMapTalliesOnlyRecordsHoldingState) {
+   Load({"fromBuild=1000"});
+   Pair("alpha");
+   Pair("beta");
+   auto ports = MakePortset("ps0", 3);
+   RegisterV1();
+   ASSERT_EQ(RegAllPS("ps0"), HYK_OK);
+   LusHashMap *map = Var<LusHashMap *>("lusHashMap");
+   auto give = [&](hyk_PortID port, int client, uint32_t bytes, uint64_t len) {
+      std::vector<LusClientInst *> recs;
+      LusPortInstV1 *inst = Port(map, port);
+      for (LusListLinks *e = inst->clients.next; e != &inst->clients; e = e->next) {
+         recs.push_back(reinterpret_cast<LusClientInst *>(e));
+      }
+      ASSERT_EQ(recs.size(), 2u);
+      LusClientInst *rec = recs[client];
+      hyk_HeapID used = 0;
+      rec->state = bytes == 0 ? nullptr
+                              : AsLus([&] { return LusFn<ClientStateAllocFn>("LUS_ClientStateAlloc")(bytes, &used); });
+      rec->stateHeap = used;
+      rec->stateLen = len;
+   };
+   give(ports[0], 0, 16, 16);   // dropped
+   give(ports[0], 1, 8, 8);     // dropped, same port
+   give(ports[1], 0, 8, 0);     // a buffer of no length
+   give(ports[2], 1, 0, 8);     // a length without a buffer
+   EXPECT_EQ(AsLus([&] { return LusFn<HashEmptyFn>("LUS_HashEmpty")(1, map); }), HYK_OK);
+   EXPECT_EQ(hyksim::LogCount("Dropped saved state that was never restored: 1 ports, 2 client records, 24 bytes"), 1u);
+   EXPECT_EQ(hyksim::LogCount("Dropped saved state that was never restored:"), 1u);
+   EXPECT_EQ(hyksim::FindHeap("lus_heap_1")->liveAllocations, 0u);
+}
+
 TEST_F(PortMapRemovalTest, AfterAllPortsAreRemovedInstanceCountIsBack) {
    Load({"fromBuild=1000"});
    Pair("fw");

@@ -1,5 +1,9 @@
 // Tests of restoring one port: the classic restore (lusRestore and the
 // edition-migration visitor), the dual-load restore and the pull restore.
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
 #include "save_fixture.h"
 
 namespace lustest {
@@ -38,6 +42,54 @@ TEST_F(RestorePortTest, UnblockEventHandsTheSavedBytesToTheNewClientAndUnblocks)
                                                            id + ")"),
                               3),
              1u);
+}
+
+// Two events for one port at once: the second finds the first client's
+// record claimed by the first event's restore, restores the other client
+// and leaves the port blocked; the first event unblocks it when its restore
+// ends.  (Had the second unblocked, traffic would flow into a first client
+// that has not got its state back yet.)
+TEST_F(RestorePortTest, AnEventThatFindsARecordClaimedLeavesThePortToTheRestoreUnderWay) {
+   LoadNew();
+   auto fw = Pair("fw");
+   auto vs = Pair("vs");
+   auto ports = MakePortset("ps0", 1);
+   SaveClassic({"ps0"}, ports, {fw, vs});
+   std::mutex mu;
+   std::condition_variable cv;
+   bool inside = false, release = false;
+   for (TestClient *c : {fw.to, vs.to}) {
+      c->config().onCall = [&](Slot slot) {
+         if (slot != kRuntimeRestore) {
+            return;
+         }
+         std::unique_lock<std::mutex> lk(mu);
+         if (inside) {
+            return;  // only the first restore to start is held
+         }
+         inside = true;
+         cv.notify_all();
+         cv.wait(lk, [&] { return release; });
+      };
+   }
+   hyk_Status firstStatus = HYK_FAILURE;
+   std::thread first([&] { firstStatus = PostUnblock("ps0", ports[0]); });
+   {
+      std::unique_lock<std::mutex> lk(mu);
+      cv.wait(lk, [&] { return inside; });
+   }
+   EXPECT_EQ(PostUnblock("ps0", ports[0]), HYK_OK);
+   EXPECT_TRUE(Blocked(ports[0]));
+   {
+      std::lock_guard<std::mutex> lk(mu);
+      release = true;
+   }
+   cv.notify_all();
+   first.join();
+   EXPECT_EQ(firstStatus, HYK_OK);
+   EXPECT_FALSE(Blocked(ports[0]));
+   EXPECT_EQ(fw.to->restored.at(ports[0]), fw.from->saved.at(ports[0]));
+   EXPECT_EQ(vs.to->restored.at(ports[0]), vs.from->saved.at(ports[0]));
 }
 
 TEST_F(RestorePortTest, RecordAwaitingBothEventsIsRestoredOnlyWhenTheEnableEventArrives) {

@@ -34,10 +34,17 @@ class MapFixture : public LusTest {
    LusPortInstV1 *Port(LusHashMap *map, hyk_PortID id) {
       return LusFn<LookupV1Fn>("lusLookupPortV1")(map, id);
    }
+   std::vector<LusClientInst *> RecordsOf(LusPortInstV1 *inst) {
+      std::vector<LusClientInst *> recs;
+      for (LusListLinks *e = inst->clients.next; e != &inst->clients; e = e->next) {
+         recs.push_back(reinterpret_cast<LusClientInst *>(e));
+      }
+      return recs;
+   }
    std::vector<std::string> ClientsOf(LusPortInstV1 *inst) {
       std::vector<std::string> names;
-      for (LusListLinks *e = inst->clients.next; e != &inst->clients; e = e->next) {
-         names.push_back(reinterpret_cast<LusClientInst *>(e)->fromClient->clientName);
+      for (LusClientInst *rec : RecordsOf(inst)) {
+         names.push_back(rec->fromClient->clientName);
       }
       return names;
    }
@@ -500,11 +507,7 @@ TEST_F(PortMapRemovalTest, EmptyingAVersionOneMapTalliesOnlyRecordsHoldingState)
    ASSERT_EQ(RegAllPS("ps0"), HYK_OK);
    LusHashMap *map = Var<LusHashMap *>("lusHashMap");
    auto give = [&](hyk_PortID port, int client, uint32_t bytes, uint64_t len) {
-      std::vector<LusClientInst *> recs;
-      LusPortInstV1 *inst = Port(map, port);
-      for (LusListLinks *e = inst->clients.next; e != &inst->clients; e = e->next) {
-         recs.push_back(reinterpret_cast<LusClientInst *>(e));
-      }
+      std::vector<LusClientInst *> recs = RecordsOf(Port(map, port));
       ASSERT_EQ(recs.size(), 2u);
       LusClientInst *rec = recs[client];
       hyk_HeapID used = 0;

@@ -16,8 +16,11 @@ namespace hyksim::fabric {
 
 namespace {
 
-bool IsVnic(const Port &p) {
-   return p.desc.clientType == HYK_PORT_CLIENT_VNIC;
+bool IsVnic(const PortSpec &desc) {
+   return desc.clientType == HYK_PORT_CLIENT_VNIC;
+}
+bool IsVnic(const PortIdentity &id) {
+   return id.clientType == HYK_PORT_CLIENT_VNIC;
 }
 
 PortView ViewOf(const Port &p, uint64_t now) {
@@ -56,6 +59,16 @@ hyk_Status WithPort(hyk_PortID id, Fn &&fn) {
       return HYK_NOT_FOUND;
    }
    return fn(*p);
+}
+
+// The same for what never changes about a port: no lock (see PortIdentity).
+template <typename Fn>
+hyk_Status WithIdentity(hyk_PortID id, Fn &&fn) {
+   const PortIdentity *identity = FindIdentity(id);
+   if (identity == nullptr) {
+      return HYK_NOT_FOUND;
+   }
+   return fn(*identity);
 }
 
 // Applies a change to the reason set and records the interval edge, under
@@ -108,7 +121,7 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
       port.props[key] = fabric::Stored(value.data(), static_cast<uint32_t>(value.size()));
    }
    uint64_t vnicNumber = 0;
-   if (fabric::IsVnic(port)) {
+   if (fabric::IsVnic(desc)) {
       vnicNumber = t.nextVnic++;
       port.vnic = (uint64_t{fabric::kVnicHandleTag} << 32) | vnicNumber;
    }
@@ -120,7 +133,6 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
    identity->vnic = port.vnic;
    identity->vmUUID = desc.vmUUID;
    identity->fabricPortID = desc.fabricPortID;
-   port.identity = identity;
    t.identities.Set(port.id, identity);
    if (vnicNumber != 0) {
       t.vnicIdentities.Set(vnicNumber, identity);
@@ -206,6 +218,8 @@ uint32_t PFilterRevalidations(hyk_PortID portID) {
 
 using hyksim::fabric::Port;
 using hyksim::fabric::WithPort;
+using hyksim::fabric::PortIdentity;
+using hyksim::fabric::WithIdentity;
 
 extern "C" {
 
@@ -214,12 +228,10 @@ hyk_Status hyk_PortGetClientType(hyk_PortID portID, uint32_t *clientType) {
    if (clientType == nullptr) {
       return HYK_BAD_PARAM;
    }
-   const auto *id = hyksim::fabric::FindIdentity(portID);
-   if (id == nullptr) {
-      return HYK_NOT_FOUND;
-   }
-   *clientType = id->clientType;
-   return HYK_OK;
+   return WithIdentity(portID, [&](const PortIdentity &id) -> hyk_Status {
+      *clientType = id.clientType;
+      return HYK_OK;
+   });
 }
 
 hyk_Status hyk_PortGetVMUUID(hyk_PortID portID, char *uuid, uint32_t len) {
@@ -227,14 +239,12 @@ hyk_Status hyk_PortGetVMUUID(hyk_PortID portID, char *uuid, uint32_t len) {
    if (uuid == nullptr || len == 0) {
       return HYK_BAD_PARAM;
    }
-   const auto *id = hyksim::fabric::FindIdentity(portID);
-   if (id == nullptr) {
-      return HYK_NOT_FOUND;
-   }
-   if (id->clientType != HYK_PORT_CLIENT_VNIC) {
-      return HYK_NOT_SUPPORTED;
-   }
-   return hyksim::fabric::CopyBounded(id->vmUUID, uuid, len);
+   return WithIdentity(portID, [&](const PortIdentity &id) -> hyk_Status {
+      if (!hyksim::fabric::IsVnic(id)) {
+         return HYK_NOT_SUPPORTED;
+      }
+      return hyksim::fabric::CopyBounded(id.vmUUID, uuid, len);
+   });
 }
 
 hyk_Status hyk_VNICHandleGet(hyk_PortID portID, hyk_VNICHandle *vnic) {
@@ -242,15 +252,13 @@ hyk_Status hyk_VNICHandleGet(hyk_PortID portID, hyk_VNICHandle *vnic) {
    if (vnic == nullptr) {
       return HYK_BAD_PARAM;
    }
-   const auto *id = hyksim::fabric::FindIdentity(portID);
-   if (id == nullptr) {
-      return HYK_NOT_FOUND;
-   }
-   if (id->clientType != HYK_PORT_CLIENT_VNIC) {
-      return HYK_NOT_SUPPORTED;
-   }
-   *vnic = id->vnic;
-   return HYK_OK;
+   return WithIdentity(portID, [&](const PortIdentity &id) -> hyk_Status {
+      if (!hyksim::fabric::IsVnic(id)) {
+         return HYK_NOT_SUPPORTED;
+      }
+      *vnic = id.vnic;
+      return HYK_OK;
+   });
 }
 
 hyk_Status hyk_VNICIndexGet(hyk_VNICHandle vnic, uint32_t *index) {
@@ -273,11 +281,9 @@ hyk_Status hyk_PortLookupFabricPortID(hyk_PortID portID, char *fabricPortID, uin
    if (fabricPortID == nullptr || len == 0) {
       return HYK_BAD_PARAM;
    }
-   const auto *id = hyksim::fabric::FindIdentity(portID);
-   if (id == nullptr) {
-      return HYK_NOT_FOUND;
-   }
-   return hyksim::fabric::CopyBounded(id->fabricPortID, fabricPortID, len);
+   return WithIdentity(portID, [&](const PortIdentity &id) -> hyk_Status {
+      return hyksim::fabric::CopyBounded(id.fabricPortID, fabricPortID, len);
+   });
 }
 
 hyk_Status hyk_FabricPortFlagIsSet(hyk_PortID portID, uint32_t flag, uint8_t *isSet) {
@@ -285,12 +291,10 @@ hyk_Status hyk_FabricPortFlagIsSet(hyk_PortID portID, uint32_t flag, uint8_t *is
    if (isSet == nullptr || flag == 0) {
       return HYK_BAD_PARAM;
    }
-   const auto *id = hyksim::fabric::FindIdentity(portID);
-   if (id == nullptr) {
-      return HYK_NOT_FOUND;
-   }
-   *isSet = (id->flags & flag) == flag ? 1 : 0;
-   return HYK_OK;
+   return WithIdentity(portID, [&](const PortIdentity &id) -> hyk_Status {
+      *isSet = (id.flags & flag) == flag ? 1 : 0;
+      return HYK_OK;
+   });
 }
 
 hyk_Status hyk_FabricPortDataGet(hyk_PortID portID, const char *key, void **value, uint32_t *len) {

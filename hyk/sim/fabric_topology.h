@@ -6,9 +6,9 @@
 // from anything the host calls.  Exclusive acquisition waits on `cv`.
 //
 // What never changes about a port once it is added (its identity: client
-// type, VM UUID, vNIC, distributed-switch port ID) is also published in
-// lock-free tables keyed by port ID and by vNIC, so that the lookups a
-// module makes for every port of an upgrade take no mutex.
+// type, VM UUID, vNIC, distributed-switch port ID, fabric flags) is also
+// published in lock-free tables keyed by port ID and by vNIC, so that the
+// lookups a module makes for every port of an upgrade take no mutex.
 #pragma once
 
 #include <algorithm>
@@ -126,7 +126,6 @@ class IdentityArena {
 
 struct Port {
    hyk_PortID id = 0;
-   const PortIdentity *identity = nullptr;
    std::string portset;
    PortSpec desc;                // desc.properties is rebuilt from `props` for views
    // Property values with a trailing NUL the length leaves out; the host

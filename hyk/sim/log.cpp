@@ -388,8 +388,8 @@ void LoggerMain() {
          toFile = s.file != nullptr;
       }
       // Taken before the batch leaves the queue and held until it is
-      // formatted: whoever then holds q.mu and takes s.mu knows that no
-      // record outside the queue still waits for its format.
+      // formatted: whoever holds q.mu, lets it go and then takes s.mu knows
+      // that no record outside the queue still waits for its format.
       std::unique_lock<std::mutex> sinkLock(s.mu, std::defer_lock);
       {
          std::unique_lock<QueueLock> lk(q.mu);
@@ -418,9 +418,15 @@ void LoggerMain() {
             q.running = false;  // later records are formatted by their callers
             return;
          }
+         // The sink's lock is not waited for with the queue's held: a
+         // reader copying the log holds the sink for a while, and every
+         // caller would spin on the queue meanwhile.  Only this thread
+         // empties the queue, so it still has records once retaken.
+         lk.unlock();
+         sinkLock.lock();
+         lk.lock();
          batch.Swap(q.pending);
          batchFormats.swap(q.keptFormats);
-         sinkLock.lock();
       }
       s.formatted += FormatBatch(s, batch, q.anchor);
       if (s.file != nullptr) {

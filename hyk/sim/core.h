@@ -6,8 +6,10 @@
 // subsystem drops when a module is unloaded, and the clock and log plumbing.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,6 +17,35 @@
 #include "internal.h"
 
 namespace hyksim::core {
+
+// A lock for critical sections of a few dozen instructions that no thread
+// leaves while holding it (no sleep, no callback).  Its unlock is a plain
+// release store, where a mutex's unlock is a locked instruction that waits
+// until every store the thread made before it has reached the cache: after
+// a thread has written into memory the cache does not hold (a log record, a
+// state buffer), that wait is most of what the lock costs.  A waiter that
+// spins long yields its CPU, since the host may run more threads than cores.
+class ShortLock {
+  public:
+   void lock() {
+      for (unsigned spins = 0; locked_.exchange(true, std::memory_order_acquire);) {
+         while (locked_.load(std::memory_order_relaxed)) {
+            if (++spins < 64) {
+#if defined(__x86_64__) || defined(__i386__)
+               __builtin_ia32_pause();
+#endif
+            } else {
+               std::this_thread::yield();
+            }
+         }
+      }
+   }
+   bool try_lock() { return !locked_.exchange(true, std::memory_order_acquire); }
+   void unlock() { locked_.store(false, std::memory_order_release); }
+
+  private:
+   std::atomic<bool> locked_{false};
+};
 
 // ---- host options (host_core.cpp) ------------------------------------------
 // The options are written only by HostStart; the hot flags are atomics so

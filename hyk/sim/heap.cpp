@@ -14,6 +14,7 @@
 // thread) grows an arena of its own, one mprotect call per allocation.
 #include <dlfcn.h>
 #include <malloc.h>
+#include <sanitizer/asan_interface.h>
 
 #include <array>
 #include <atomic>
@@ -29,8 +30,6 @@
 namespace hyksim {
 namespace {
 
-constexpr size_t kShards = 16;
-constexpr size_t kFreedHistory = 4096;  // per shard, to tell a double free from a wild one
 constexpr size_t kReportLines = 20;     // live allocations listed per destroyed heap
 
 struct Heap {
@@ -47,120 +46,202 @@ struct Alloc {
    void *ra;
 };
 
-// The last frees of a shard, newest last: what tells a double free from a
-// free of something never allocated.  A ring, so that freeing costs no
+// ---- the live map ----------------------------------------------------------------
+//
+// Each allocation carries a header just before the pointer handed out: its
+// heap, size and caller.  A bitmap over the address space, one bit per
+// 16-byte granule, says where a live allocation begins.  A free reads the
+// header only once the bit says one is there, so a pointer that is not a
+// live allocation (freed already, on the stack, inside a buffer) is told
+// apart without touching the memory it points at.
+//
+// The bitmap lies in address order.  An upgrade allocates and frees its
+// buffers one port after another, and malloc hands out neighbouring
+// addresses for neighbouring calls, so consecutive calls meet the same
+// words of the map: a hash table of live pointers took a cache miss per
+// call on a random slot of megabytes, a tenth of the blackout.
+
+struct Header {
+   hyk_HeapID heap;
+   void *ra;
+   uint32_t size;
+   uint32_t unused;
+   uint64_t unused2;  // keeps what the module gets 16-byte aligned, as malloc's
+};
+constexpr size_t kHeader = sizeof(Header);
+static_assert(kHeader % 16 == 0);
+
+constexpr unsigned kGranuleShift = 4;            // malloc's alignment
+constexpr unsigned kLeafShift = 20;              // a leaf maps 1 MiB of addresses
+constexpr unsigned kMidShift = 14;               // a mid node holds 16 GiB of leaves
+constexpr unsigned kAddressBits = 48;            // what user space is given
+constexpr unsigned kTopBits = kAddressBits - kLeafShift - kMidShift;
+constexpr size_t kLeafWords = (size_t(1) << (kLeafShift - kGranuleShift)) / 64;
+constexpr size_t kFreedHistory = 512;            // per leaf, to tell a double free from a wild one
+
+// The last frees within a leaf, newest last: what tells a double free from
+// a free of something never allocated.  A ring, so that freeing costs no
 // allocation of the host's own; only the panic path searches it.
 struct Freed {
    void *mem = nullptr;
    hyk_HeapID heap = 0;
 };
 
-// Live allocations by address: open addressing with linear probing and
-// backward-shift deletion, entries inline.  A node-based map cost a node
-// allocation per allocation and a cache miss per chain link.
-class LiveTable {
-  public:
-   struct Entry {
-      void *mem;  // null: empty
-      Alloc alloc;
-   };
-
-   Alloc *Find(void *mem) {
-      if (slots_.empty()) {
-         return nullptr;
-      }
-      for (size_t i = Home(mem);; i = (i + 1) & mask_) {
-         if (slots_[i].mem == mem) {
-            return &slots_[i].alloc;
-         }
-         if (slots_[i].mem == nullptr) {
-            return nullptr;
-         }
-      }
-   }
-
-   void Put(void *mem, const Alloc &a) {
-      if ((used_ + 1) * 4 > slots_.size() * 3) {
-         Grow();
-      }
-      size_t i = Home(mem);
-      while (slots_[i].mem != nullptr && slots_[i].mem != mem) {
-         i = (i + 1) & mask_;
-      }
-      used_ += slots_[i].mem == nullptr ? 1 : 0;
-      slots_[i] = Entry{mem, a};
-   }
-
-   // Removes `mem`, which must be present (Find said so).
-   void Erase(void *mem) {
-      size_t i = Home(mem);
-      while (slots_[i].mem != mem) {
-         i = (i + 1) & mask_;
-      }
-      // Shift back every later entry of the run that may sit at i.
-      for (size_t j = (i + 1) & mask_; slots_[j].mem != nullptr; j = (j + 1) & mask_) {
-         const size_t home = Home(slots_[j].mem);
-         if (((j - home) & mask_) >= ((j - i) & mask_)) {
-            slots_[i] = slots_[j];
-            i = j;
-         }
-      }
-      slots_[i].mem = nullptr;
-      used_--;
-   }
-
-   // Calls fn(mem, alloc) for every entry; fn returns true to erase it.
-   template <class F>
-   void EraseIf(F fn) {
-      std::vector<Entry> keep;
-      for (const Entry &e : slots_) {
-         if (e.mem != nullptr && !fn(e.mem, e.alloc)) {
-            keep.push_back(e);
-         }
-      }
-      if (keep.size() == used_) {
-         return;
-      }
-      std::fill(slots_.begin(), slots_.end(), Entry{});
-      used_ = 0;
-      for (const Entry &e : keep) {
-         Put(e.mem, e.alloc);
-      }
-   }
-
-  private:
-   size_t Home(void *mem) const {
-      // Allocations are 16-byte aligned: the low bits carry nothing.
-      return static_cast<size_t>((reinterpret_cast<uintptr_t>(mem) >> 4) * 0x9e3779b97f4a7c15ull >> shift_) & mask_;
-   }
-
-   void Grow() {
-      std::vector<Entry> old;
-      old.swap(slots_);
-      const size_t n = old.empty() ? 256 : old.size() * 2;
-      slots_.assign(n, Entry{});
-      mask_ = n - 1;
-      shift_ = 64 - static_cast<unsigned>(__builtin_ctzll(n));
-      used_ = 0;
-      for (const Entry &e : old) {
-         if (e.mem != nullptr) {
-            Put(e.mem, e.alloc);
-         }
-      }
-   }
-
-   std::vector<Entry> slots_;
-   size_t mask_ = 0;
-   unsigned shift_ = 64;
-   size_t used_ = 0;
-};
-
-struct Shard {
-   std::mutex mu;
-   LiveTable live;
+struct Leaf {
+   uintptr_t base = 0;  // the first address it maps
+   core::ShortLock mu;  // the bits, the ring and the headers of its allocations
+   uint64_t bits[kLeafWords] = {};
    std::array<Freed, kFreedHistory> freed{};
    size_t nextFreed = 0;
 };
+
+struct Mid {
+   std::atomic<Leaf *> leaf[size_t(1) << kMidShift] = {};
+};
+
+// Nodes are created as malloc reaches new addresses and kept for the life of
+// the process: a reader never meets a freed one.
+struct LiveMap {
+   std::atomic<Mid *> top[size_t(1) << kTopBits] = {};
+   std::mutex growMu;
+   std::vector<Leaf *> leaves;  // every leaf, for the scans at destroy
+};
+
+LiveMap &Map() {
+   static LiveMap *m = new LiveMap();
+   return *m;
+}
+
+bool Mapped(uintptr_t a) { return (a >> kAddressBits) == 0; }
+size_t TopIndex(uintptr_t a) { return a >> (kLeafShift + kMidShift); }
+size_t MidIndex(uintptr_t a) { return (a >> kLeafShift) & ((size_t(1) << kMidShift) - 1); }
+size_t Bit(uintptr_t a) { return (a >> kGranuleShift) & ((kLeafWords * 64) - 1); }
+
+// The leaf of address `a`, or null when nothing was ever allocated there.
+Leaf *FindLeaf(uintptr_t a) {
+   if (!Mapped(a)) {
+      return nullptr;
+   }
+   Mid *mid = Map().top[TopIndex(a)].load(std::memory_order_acquire);
+   return mid == nullptr ? nullptr : mid->leaf[MidIndex(a)].load(std::memory_order_acquire);
+}
+
+Leaf &LeafFor(uintptr_t a) {
+   if (Leaf *l = FindLeaf(a)) {
+      return *l;
+   }
+   if (!Mapped(a)) {
+      Panic("hyk_HeapAlloc: malloc returned %p, above the %u-bit addresses the heaps map",
+            reinterpret_cast<void *>(a), kAddressBits);
+   }
+   LiveMap &m = Map();
+   std::lock_guard<std::mutex> lk(m.growMu);
+   Mid *mid = m.top[TopIndex(a)].load(std::memory_order_relaxed);
+   if (mid == nullptr) {
+      mid = new Mid();
+      m.top[TopIndex(a)].store(mid, std::memory_order_release);
+   }
+   Leaf *leaf = mid->leaf[MidIndex(a)].load(std::memory_order_relaxed);
+   if (leaf == nullptr) {
+      leaf = new Leaf();
+      leaf->base = a & ~((uintptr_t(1) << kLeafShift) - 1);
+      m.leaves.push_back(leaf);
+      mid->leaf[MidIndex(a)].store(leaf, std::memory_order_release);
+   }
+   return *leaf;
+}
+
+// The header sits inside malloc's block, where a module must not reach: it
+// is poisoned for AddressSanitizer, and only the host unpoisons it to read.
+void HideHeader(Header *h) { ASAN_POISON_MEMORY_REGION(h, kHeader); }
+Header *HeaderOf(void *mem) {
+   auto *h = reinterpret_cast<Header *>(static_cast<char *>(mem) - kHeader);
+   ASAN_UNPOISON_MEMORY_REGION(h, kHeader);
+   return h;
+}
+
+bool TestBit(const Leaf &l, size_t bit) { return (l.bits[bit / 64] >> (bit % 64)) & 1; }
+void SetBit(Leaf &l, size_t bit) { l.bits[bit / 64] |= uint64_t(1) << (bit % 64); }
+void ClearBit(Leaf &l, size_t bit) { l.bits[bit / 64] &= ~(uint64_t(1) << (bit % 64)); }
+
+// Records a live allocation at `mem`.
+void MarkLive(void *mem, hyk_HeapID heap, uint32_t size, void *ra) {
+   Header *h = HeaderOf(mem);
+   *h = Header{heap, ra, size, 0, 0};
+   HideHeader(h);
+   const auto a = reinterpret_cast<uintptr_t>(mem);
+   Leaf &l = LeafFor(a);
+   std::lock_guard<core::ShortLock> lk(l.mu);
+   SetBit(l, Bit(a));
+}
+
+// What a free found at `mem`.
+struct Verdict {
+   enum { kLive, kDoubleFree, kNeverAllocated } kind = kNeverAllocated;
+   Alloc alloc{};           // kLive: the allocation
+   hyk_HeapID freedTo = 0;  // kDoubleFree: the heap of the earlier free
+};
+
+// Takes the allocation at `mem` out of the map when it is live and of
+// `heap`; otherwise leaves the map as it is and says what `mem` is.
+Verdict TakeOut(void *mem, hyk_HeapID heap) {
+   Verdict v;
+   const auto a = reinterpret_cast<uintptr_t>(mem);
+   Leaf *l = FindLeaf(a);
+   if (l == nullptr) {
+      return v;
+   }
+   std::lock_guard<core::ShortLock> lk(l->mu);
+   if (a % (size_t(1) << kGranuleShift) == 0 && TestBit(*l, Bit(a))) {
+      Header *h = HeaderOf(mem);
+      v.kind = Verdict::kLive;
+      v.alloc = Alloc{h->heap, h->size, h->ra};
+      HideHeader(h);
+      if (v.alloc.heap == heap) {
+         ClearBit(*l, Bit(a));
+         l->freed[l->nextFreed] = Freed{mem, heap};
+         l->nextFreed = (l->nextFreed + 1) % kFreedHistory;
+      }
+      return v;
+   }
+   for (size_t i = 1; i <= kFreedHistory; i++) {
+      const Freed &f = l->freed[(l->nextFreed + kFreedHistory - i) % kFreedHistory];
+      if (f.mem == mem) {
+         v.kind = Verdict::kDoubleFree;
+         v.freedTo = f.heap;
+         break;
+      }
+   }
+   return v;
+}
+
+// Takes every live allocation of `id` out of the map: a scan of every leaf
+// (only a heap destroyed with allocations left, or a host reset, pays it).
+std::vector<std::pair<void *, Alloc>> TakeLive(hyk_HeapID id) {
+   std::vector<Leaf *> leaves;
+   {
+      std::lock_guard<std::mutex> lk(Map().growMu);
+      leaves = Map().leaves;
+   }
+   std::vector<std::pair<void *, Alloc>> out;
+   for (Leaf *l : leaves) {
+      std::lock_guard<core::ShortLock> lk(l->mu);
+      for (size_t w = 0; w < kLeafWords; w++) {
+         for (uint64_t bits = l->bits[w]; bits != 0; bits &= bits - 1) {
+            const size_t bit = w * 64 + static_cast<size_t>(__builtin_ctzll(bits));
+            void *mem = reinterpret_cast<void *>(l->base + (bit << kGranuleShift));
+            Header *h = HeaderOf(mem);
+            const Alloc a{h->heap, h->size, h->ra};
+            HideHeader(h);
+            if (a.heap == id) {
+               ClearBit(*l, bit);
+               out.emplace_back(mem, a);
+            }
+         }
+      }
+   }
+   return out;
+}
 
 // Live heaps by ID for the allocation paths: no lock and no reference
 // count per call.  A heap object stays allocated for the rest of its host
@@ -177,17 +258,11 @@ struct Registry {
    hyk_HeapID next = 1;
    std::mutex reportsMu;
    std::vector<LeakReport> reports;
-   Shard shards[kShards];
 };
 
 Registry &Reg() {
    static Registry *r = new Registry();
    return *r;
-}
-
-Shard &ShardOf(void *p) {
-   auto v = reinterpret_cast<uintptr_t>(p);
-   return Reg().shards[(v >> 4 ^ v >> 12) % kShards];
 }
 
 std::shared_ptr<Heap> Find(hyk_HeapID id) {
@@ -249,22 +324,6 @@ std::string DescribeCaller(void *ra) {
    return out;
 }
 
-// Takes every live allocation of `id` out of the table.
-std::vector<std::pair<void *, Alloc>> TakeLive(hyk_HeapID id) {
-   std::vector<std::pair<void *, Alloc>> out;
-   for (Shard &s : Reg().shards) {
-      std::lock_guard<std::mutex> lk(s.mu);
-      s.live.EraseIf([&](void *mem, const Alloc &a) {
-         if (a.heap != id) {
-            return false;
-         }
-         out.emplace_back(mem, a);
-         return true;
-      });
-   }
-   return out;
-}
-
 void ReportLive(const Heap &h, const std::vector<std::pair<void *, Alloc>> &live) {
    uint64_t bytes = 0;
    for (const auto &[p, a] : live) {
@@ -283,13 +342,18 @@ void ReportLive(const Heap &h, const std::vector<std::pair<void *, Alloc>> &live
    Reg().reports.push_back({h.name, bytes, live.size()});
 }
 
+void FreeBlock(void *mem) { free(static_cast<char *>(mem) - kHeader); }
+
 void Destroy(const std::shared_ptr<Heap> &h) {
+   if (h->live.load(std::memory_order_acquire) == 0) {
+      return;
+   }
    auto live = TakeLive(h->id);
    if (!live.empty()) {
       ReportLive(*h, live);
    }
    for (auto &[p, a] : live) {
-      free(p);
+      FreeBlock(p);
    }
 }
 
@@ -311,22 +375,6 @@ HeapView ViewOf(const Heap &h) {
    return HeapView{h.id,           h.name,          h.owner,          h.initialSize,
                    h.maxSize,      h.bytesInUse.load(), h.live.load(), h.peak.load(),
                    h.failed.load()};
-}
-
-[[noreturn]] void BadFree(hyk_HeapID heap, void *mem, const Shard &s) {
-   for (size_t i = 1; i <= kFreedHistory; i++) {
-      const Freed &f = s.freed[(s.nextFreed + kFreedHistory - i) % kFreedHistory];
-      if (f.mem == mem) {
-         Panic("hyk_HeapFree: double free of %p to heap %s (already freed to heap %s)", mem,
-               HeapName(heap).c_str(), HeapName(f.heap).c_str());
-      }
-   }
-   Panic("hyk_HeapFree: %p was never allocated from heap %s", mem, HeapName(heap).c_str());
-}
-
-void RememberFreed(Shard &s, void *mem, hyk_HeapID heap) {
-   s.freed[s.nextFreed] = Freed{mem, heap};
-   s.nextFreed = (s.nextFreed + 1) % kFreedHistory;
 }
 
 }  // namespace
@@ -387,8 +435,11 @@ void HeapsReset() {
       Reg().heaps.clear();
    }
    for (auto &h : heaps) {
+      if (h->live.load(std::memory_order_acquire) == 0) {
+         continue;
+      }
       for (auto &[p, a] : TakeLive(h->id)) {
-         free(p);
+         FreeBlock(p);
       }
    }
 }
@@ -400,10 +451,15 @@ void HeapsClearHistory() {
       Reg().next = 1;
       Reg().everyHeap.clear();   // the host is between lives: nobody allocates
    }
-   for (Shard &s : Reg().shards) {
-      std::lock_guard<std::mutex> lk(s.mu);
-      s.freed.fill(Freed{});
-      s.nextFreed = 0;
+   std::vector<Leaf *> leaves;
+   {
+      std::lock_guard<std::mutex> lk(Map().growMu);
+      leaves = Map().leaves;
+   }
+   for (Leaf *l : leaves) {
+      std::lock_guard<core::ShortLock> lk(l->mu);
+      l->freed.fill(Freed{});
+      l->nextFreed = 0;
    }
    std::lock_guard<std::mutex> lk(Reg().reportsMu);
    Reg().reports.clear();
@@ -484,16 +540,15 @@ extern "C" void *hyk_HeapAllocWithRA(hyk_HeapID heap, uint32_t size, void *ra) {
       h->failed.fetch_add(1, std::memory_order_relaxed);
       return nullptr;
    }
-   void *mem = malloc(size);
-   if (mem == nullptr) {
+   void *block = malloc(size_t(size) + kHeader);
+   if (block == nullptr) {
       h->bytesInUse.fetch_sub(size, std::memory_order_relaxed);
       h->failed.fetch_add(1, std::memory_order_relaxed);
       return nullptr;
    }
    h->live.fetch_add(1, std::memory_order_relaxed);
-   Shard &s = ShardOf(mem);
-   std::lock_guard<std::mutex> lk(s.mu);
-   s.live.Put(mem, Alloc{heap, size, ra});
+   void *mem = static_cast<char *>(block) + kHeader;
+   MarkLive(mem, heap, size, ra);
    return mem;
 }
 
@@ -506,24 +561,20 @@ extern "C" void hyk_HeapFree(hyk_HeapID heap, void *mem) {
       Panic("hyk_HeapFree: %p freed to invalid heap %#llx", mem,
             static_cast<unsigned long long>(heap));
    }
-   Shard &s = ShardOf(mem);
-   std::unique_lock<std::mutex> lk(s.mu);
-   const Alloc *a = s.live.Find(mem);
-   if (a == nullptr) {
-      BadFree(heap, mem, s);
+   const Verdict v = TakeOut(mem, heap);
+   if (v.kind == Verdict::kDoubleFree) {
+      Panic("hyk_HeapFree: double free of %p to heap %s (already freed to heap %s)", mem,
+            HeapName(heap).c_str(), HeapName(v.freedTo).c_str());
    }
-   if (a->heap != heap) {
-      hyk_HeapID owner = a->heap;
-      lk.unlock();
+   if (v.kind == Verdict::kNeverAllocated) {
+      Panic("hyk_HeapFree: %p was never allocated from heap %s", mem, HeapName(heap).c_str());
+   }
+   if (v.alloc.heap != heap) {
       Panic("hyk_HeapFree: %p freed to heap %s but allocated from heap %s", mem,
-            h->name.c_str(), HeapName(owner).c_str());
+            h->name.c_str(), HeapName(v.alloc.heap).c_str());
    }
-   uint32_t size = a->size;
-   s.live.Erase(mem);
-   RememberFreed(s, mem, heap);
-   lk.unlock();
-   Unaccount(*h, size);
-   free(mem);
+   Unaccount(*h, v.alloc.size);
+   FreeBlock(mem);
 }
 
 extern "C" hyk_Status hyk_HeapGetStats(hyk_HeapID heap, hyk_HeapStats *stats) {

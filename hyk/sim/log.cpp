@@ -237,33 +237,12 @@ class Records {
    size_t bytes_ = 0;
 };
 
-// The queue's lock.  Its unlock is a plain release store: the locked
-// instruction of a mutex's unlock made every caller wait, right after
-// writing its record into memory the cache did not hold, until those
-// stores had reached the cache; now they drain while the caller goes on.
-// It guards a record's copy and the logger's swap of the batch; a waiter
-// that spins long yields its CPU.
-class QueueLock {
-  public:
-   void lock() {
-      for (unsigned spins = 0; locked_.exchange(true, std::memory_order_acquire);) {
-         while (locked_.load(std::memory_order_relaxed)) {
-            if (++spins < 64) {
-#if defined(__x86_64__) || defined(__i386__)
-               __builtin_ia32_pause();
-#endif
-            } else {
-               std::this_thread::yield();
-            }
-         }
-      }
-   }
-   bool try_lock() { return !locked_.exchange(true, std::memory_order_acquire); }
-   void unlock() { locked_.store(false, std::memory_order_release); }
-
-  private:
-   std::atomic<bool> locked_{false};
-};
+// The queue's lock is a ShortLock: the locked instruction of a mutex's
+// unlock made every caller wait, right after writing its record into memory
+// the cache did not hold, until those stores had reached the cache; now they
+// drain while the caller goes on.  It guards a record's copy and the
+// logger's swap of the batch.
+using QueueLock = core::ShortLock;
 
 struct Queue {
    QueueLock mu;

@@ -144,8 +144,9 @@ TEST_F(HeapTest, ConcurrentAllocationsRespectTheLimit) {
 }
 
 // Tens of thousands of allocations and frees in random order over three
-// heaps: the host's table of live pointers grows, and loses entries out of
-// the middle of its probe runs, without ever losing or confusing one.  Each
+// heaps: the host's map of live allocations gains and loses them in every
+// order, neighbours of different heaps side by side, without ever losing or
+// confusing one.  Each
 // heap's figures follow a model; a destroyed heap reports exactly what the
 // model still holds for it; every other live pointer can still be freed to
 // its own heap and only to it.
@@ -239,5 +240,127 @@ TEST_F(HeapTest, FreeOfForeignMemoryPanics) {
    int local = 0;
    EXPECT_DEATH(hyk_HeapFree(heap, &local), "never allocated from heap h");
 }
+
+// A pointer into an allocation, on either side of its start, is no
+// allocation: the free is refused without touching what lies there.
+TEST_F(HeapTest, FreeOfAPointerInsideAnAllocationPanics) {
+   hyk_HeapID heap = Create("h", 0, 1 << 20);
+   auto *p = static_cast<char *>(hyk_HeapAlloc(heap, 256));
+   ASSERT_NE(p, nullptr);
+   EXPECT_DEATH(hyk_HeapFree(heap, p + 16), "never allocated from heap h");
+   EXPECT_DEATH(hyk_HeapFree(heap, p + 1), "never allocated from heap h");
+   EXPECT_DEATH(hyk_HeapFree(heap, p - 16), "never allocated from heap h");
+   hyk_HeapFree(heap, p);
+}
+
+// Addresses where the heaps never allocated (a global, an address beyond
+// what user space is given) are told apart without being read.
+TEST_F(HeapTest, FreeOfAnAddressNoHeapReachesPanics) {
+   static int global = 0;
+   hyk_HeapID heap = Create("h", 0, 1000);
+   EXPECT_DEATH(hyk_HeapFree(heap, &global), "never allocated from heap h");
+   EXPECT_DEATH(hyk_HeapFree(heap, reinterpret_cast<void *>(uintptr_t(0xffff800000001000))),
+                "never allocated from heap h");
+}
+
+// malloc hands a freed address out again: the new allocation is freed
+// normally, and a second free of it is a double free again.
+TEST_F(HeapTest, AReusedAddressIsOneAllocationAtATime) {
+#if defined(__SANITIZE_ADDRESS__)
+   GTEST_SKIP() << "AddressSanitizer keeps freed memory in quarantine";
+#endif
+   hyk_HeapID heap = Create("h", 0, 1 << 20);
+   void *first = hyk_HeapAlloc(heap, 64);
+   hyk_HeapFree(heap, first);
+   void *again = nullptr;
+   std::vector<void *> others;
+   for (int i = 0; i < 64 && again == nullptr; i++) {
+      void *p = hyk_HeapAlloc(heap, 64);
+      (p == first ? again : others.emplace_back()) = p;
+   }
+   ASSERT_EQ(again, first) << "malloc never handed the address out again";
+   hyk_HeapStats st;
+   ASSERT_EQ(hyk_HeapGetStats(heap, &st), HYK_OK);
+   EXPECT_EQ(st.liveAllocations, others.size() + 1);
+   hyk_HeapFree(heap, again);
+   EXPECT_DEATH(hyk_HeapFree(heap, again), "double free");
+   for (void *p : others) {
+      hyk_HeapFree(heap, p);
+   }
+   ASSERT_EQ(hyk_HeapGetStats(heap, &st), HYK_OK);
+   EXPECT_EQ(st.liveAllocations, 0u);
+}
+
+// Threads allocate and free from heaps of their own, side by side in the
+// same stretches of memory, while another destroys heaps it left
+// allocations in: every destroyed heap reports exactly what it held, and
+// no other heap loses or gains one.
+TEST_F(HeapTest, DestroysAmidOtherHeapsTrafficReportExactly) {
+   constexpr int kWorkers = 3, kOps = 20000, kLeakyHeaps = 20, kLeaked = 50;
+   std::vector<hyk_HeapID> own;
+   for (int t = 0; t < kWorkers; t++) {
+      own.push_back(Create(("w" + std::to_string(t)).c_str(), 0, 1u << 30));
+   }
+   std::atomic<bool> failed{false};
+   std::vector<std::thread> threads;
+   for (int t = 0; t < kWorkers; t++) {
+      threads.emplace_back([&, t] {
+         std::mt19937 rng(static_cast<uint32_t>(t) + 1);
+         std::vector<void *> live;
+         for (int op = 0; op < kOps; op++) {
+            if (live.empty() || rng() % 100 < 55) {
+               void *p = hyk_HeapAlloc(own[t], 1 + rng() % 300);
+               failed = failed || p == nullptr;
+               live.push_back(p);
+            } else {
+               const size_t i = rng() % live.size();
+               hyk_HeapFree(own[t], live[i]);
+               live[i] = live.back();
+               live.pop_back();
+            }
+         }
+         hyk_HeapStats st;
+         failed = failed || hyk_HeapGetStats(own[t], &st) != HYK_OK || st.liveAllocations != live.size();
+         for (void *p : live) {
+            hyk_HeapFree(own[t], p);
+         }
+      });
+   }
+   for (int i = 0; i < kLeakyHeaps; i++) {
+      hyk_HeapID leaky = Create("leaky", 0, 1 << 20);
+      for (int j = 0; j < kLeaked; j++) {
+         ASSERT_NE(hyk_HeapAlloc(leaky, 1 + j), nullptr);
+      }
+      ASSERT_EQ(hyk_HeapDestroy(leaky), HYK_OK);
+   }
+   for (auto &t : threads) {
+      t.join();
+   }
+   EXPECT_FALSE(failed.load());
+   const auto reports = hyksim::LeakReports();
+   ASSERT_EQ(reports.size(), size_t(kLeakyHeaps));
+   for (const auto &r : reports) {
+      EXPECT_EQ(r.allocations, size_t(kLeaked));
+      EXPECT_EQ(r.bytes, uint64_t(kLeaked) * (kLeaked + 1) / 2);
+   }
+   for (hyk_HeapID h : own) {
+      hyk_HeapStats st;
+      ASSERT_EQ(hyk_HeapGetStats(h, &st), HYK_OK);
+      EXPECT_EQ(st.liveAllocations, 0u);
+      EXPECT_EQ(st.bytesInUse, 0u);
+      EXPECT_EQ(hyk_HeapDestroy(h), HYK_OK);
+   }
+   EXPECT_EQ(hyksim::LeakReports().size(), size_t(kLeakyHeaps));
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+// What the host keeps before an allocation is out of the module's reach.
+TEST_F(HeapTest, AWriteJustBeforeAnAllocationIsCaught) {
+   hyk_HeapID heap = Create("h", 0, 1000);
+   auto *p = static_cast<volatile char *>(hyk_HeapAlloc(heap, 64));
+   EXPECT_DEATH(p[-8] = 1, "use-after-poison");
+   hyk_HeapFree(heap, const_cast<char *>(p));
+}
+#endif
 
 }  // namespace

@@ -3,7 +3,8 @@
 #
 # Fails when the module object leaves any symbol undefined other than the
 # host's operations (hyk_*, _hyk_*), the packet-filter entry point, and the
-# mem* routines the compiler may emit; in a sanitizer build (SANITIZED=1) the
+# mem* routines the compiler may emit (with the C library's symbol version,
+# see lus_module_kernel_options); in a sanitizer build (SANITIZED=1) the
 # sanitizer runtimes' entry points are allowed too.  Anything else (malloc,
 # operator new, __cxa_*, a libstdc++ symbol) would be a call the host kernel
 # cannot resolve.  A sample client (third argument "client") may also call
@@ -25,9 +26,9 @@ if [ -z "$names" ]; then
    exit 2
 fi
 
-allowed='^(_?hyk_[A-Za-z0-9_]+|PFilter_TblRevalidateVmPort|memcpy|memset|memmove|memcmp)$'
+allowed='^(_?hyk_[A-Za-z0-9_]+|PFilter_TblRevalidateVmPort|(memcpy|memset|memmove|memcmp)(@GLIBC_[0-9.]+)?)$'
 if [ "$sanitized" = 1 ]; then
-   allowed='^(_?hyk_[A-Za-z0-9_]+|PFilter_TblRevalidateVmPort|memcpy|memset|memmove|memcmp|__(asan|ubsan|tsan|sanitizer)_[A-Za-z0-9_]+)$'
+   allowed='^(_?hyk_[A-Za-z0-9_]+|PFilter_TblRevalidateVmPort|(memcpy|memset|memmove|memcmp)(@GLIBC_[0-9.]+)?|__(asan|ubsan|tsan|sanitizer)_[A-Za-z0-9_]+)$'
 fi
 
 if [ "$kind" = client ]; then

@@ -62,6 +62,7 @@ struct Component {
    uint32_t throttle = 0;
    hyk_ModuleID owner = HYK_INVALID_MODULE_ID;
    char name[HYK_NAME_LEN] = {};
+   uint8_t nameLen = 0;  // of name, so that a line does not measure it
    std::mutex throttleMu;
    uint64_t windowStart = 0;
    uint64_t inWindow = 0;
@@ -419,11 +420,10 @@ void LoggerMain() {
    }
 }
 
-void Enqueue(const char *component, int32_t level, bool warning, const char *fmt,
+void Enqueue(std::string_view component, int32_t level, bool warning, const char *fmt,
              std::string_view data) {
    const Stamp stamp = StampNow();
-   Line line{std::string_view(component, strnlen(component, HYK_NAME_LEN - 1)), level, warning, fmt,
-             data, 0};
+   Line line{component, level, warning, fmt, data, 0};
    Queue &q = TheQueue();
    {
       std::lock_guard<QueueLock> lk(q.mu);
@@ -510,17 +510,15 @@ bool ThrottlePasses(Component *c) {
    return pass;
 }
 
-// The caller's scratch buffer for captured arguments: reused, so a line
+// The caller's scratch space for captured arguments: reused, so a line
 // costs no allocation on the caller's side.
-thread_local std::string tArgs;
+thread_local logfmt::CaptureBuffer tArgs;
 
 void PlainPrint(bool warning, const char *fmt, va_list ap) {
    if (fmt == nullptr) {
       return;
    }
-   tArgs.clear();
-   logfmt::Capture(fmt, ap, &tArgs);
-   Enqueue("", -1, warning, fmt, tArgs);
+   Enqueue("", -1, warning, fmt, logfmt::Capture(fmt, ap, &tArgs));
 }
 
 bool ThrottleKindKnown(uint32_t kind) {
@@ -622,7 +620,8 @@ hyk_Status SetLogComponentLevel(const std::string &name, int32_t level) {
 namespace core {
 
 void LogAppendText(const char *component, int32_t level, bool warning, std::string text) {
-   Enqueue(component, level, warning, nullptr, text);
+   Enqueue(std::string_view(component, strnlen(component, HYK_NAME_LEN - 1)), level, warning, nullptr,
+           text);
 }
 
 void LogStart() {
@@ -778,6 +777,7 @@ extern "C" hyk_Status hyk_LogRegister(const hyk_LogProps *props, hyk_LogHandle *
    }
    Component &c = r.slots[r.used];
    strncpy(c.name, props->name, sizeof c.name - 1);
+   c.nameLen = static_cast<uint8_t>(strnlen(c.name, sizeof c.name - 1));
    c.level.store(props->defaultLevel);
    c.received.store(0, std::memory_order_relaxed);
    c.throttle = props->throttle;
@@ -812,14 +812,12 @@ extern "C" int hyk_LogLevel(uint32_t urgency, hyk_LogHandle handle, int32_t leve
    if (c->throttle == HYK_LOG_THROTTLE_COUNT && !ThrottlePasses(c)) {
       return 0;
    }
-   tArgs.clear();
    va_list ap;
    va_start(ap, fmt);
-   logfmt::Capture(fmt, ap, &tArgs);
+   const std::string_view args = logfmt::Capture(fmt, ap, &tArgs);
    va_end(ap);
-   int queued = static_cast<int>(sizeof(RecordHeader) + tArgs.size());
-   Enqueue(c->name, level, false, fmt, tArgs);
-   return queued;
+   Enqueue(std::string_view(c->name, c->nameLen), level, false, fmt, args);
+   return static_cast<int>(sizeof(RecordHeader) + args.size());
 }
 
 extern "C" int32_t hyk_LogGetCurrentLogLevel(hyk_LogHandle handle) {

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <vector>
 
 namespace hyksim::logfmt {
 namespace {
@@ -125,73 +126,32 @@ bool IsWideStr(const Conversion &s) { return s.conv == 'S' || (s.conv == 's' && 
 
 // ---- capture ---------------------------------------------------------------
 
-struct VaBox {
-   va_list ap;
+constexpr size_t kInitialCapture = 4096;
+
+// What a conversion takes from the argument list, decided once per parsed
+// format, so that a capture switches on it instead of testing characters.
+enum class Op : uint8_t {
+   kInt, kLong, kLongLong, kIntMax, kSize, kPtrDiff, kWint, kStr, kWStr, kPtr, kSkip, kDouble, kLongDouble
 };
 
-void Put(std::string *out, const void *p, size_t n) { out->append(static_cast<const char *>(p), n); }
-void Put64(std::string *out, uint64_t v) { Put(out, &v, sizeof v); }
-
-uint64_t TakeInt(VaBox &va, Len len) {
-   switch (len) {
-   case Len::kL: return static_cast<uint64_t>(va_arg(va.ap, long));
-   case Len::kLL: return static_cast<uint64_t>(va_arg(va.ap, long long));
-   case Len::kJ: return static_cast<uint64_t>(va_arg(va.ap, intmax_t));
-   case Len::kZ: return static_cast<uint64_t>(va_arg(va.ap, size_t));
-   case Len::kT: return static_cast<uint64_t>(va_arg(va.ap, ptrdiff_t));
-   default: return static_cast<uint64_t>(static_cast<int64_t>(va_arg(va.ap, int)));
-   }
-}
-
-void TakeString(VaBox &va, const Conversion &s, int prec, std::string *out) {
-   const char *str = va_arg(va.ap, const char *);
-   if (str == nullptr) {
-      uint32_t none = 0xffffffffu;
-      Put(out, &none, sizeof none);
-      return;
-   }
-   // With a precision the string need not be terminated: read no further.
-   size_t n = (s.hasPrec && prec >= 0) ? strnlen(str, static_cast<size_t>(prec)) : strlen(str);
-   uint32_t n32 = static_cast<uint32_t>(n);
-   Put(out, &n32, sizeof n32);
-   Put(out, str, n);
-}
-
-void TakeWideString(VaBox &va, const Conversion &s, int prec, std::string *out) {
-   const wchar_t *w = va_arg(va.ap, const wchar_t *);
-   if (w == nullptr) {
-      uint32_t none = 0xffffffffu;
-      Put(out, &none, sizeof none);
-      return;
-   }
-   size_t n = (s.hasPrec && prec >= 0) ? wcsnlen(w, static_cast<size_t>(prec)) : wcslen(w);
-   uint32_t n32 = static_cast<uint32_t>(n);
-   Put(out, &n32, sizeof n32);
-   Put(out, w, n * sizeof(wchar_t));
-}
-
-void TakeValue(VaBox &va, const Conversion &s, int prec, std::string *out) {
+Op OpOf(const Conversion &s) {
    if (IsIntConv(s.conv)) {
-      Put64(out, TakeInt(va, s.len));
-   } else if (IsWideChar(s)) {
-      Put64(out, static_cast<uint64_t>(va_arg(va.ap, wint_t)));
-   } else if (s.conv == 'c') {
-      Put64(out, static_cast<uint64_t>(va_arg(va.ap, int)));
-   } else if (IsWideStr(s)) {
-      TakeWideString(va, s, prec, out);
-   } else if (s.conv == 's') {
-      TakeString(va, s, prec, out);
-   } else if (s.conv == 'p') {
-      Put64(out, reinterpret_cast<uintptr_t>(va_arg(va.ap, void *)));
-   } else if (s.conv == 'n') {
-      (void)va_arg(va.ap, void *);  // the host never writes through %n
-   } else if (s.len == Len::kBigL) {
-      long double d = va_arg(va.ap, long double);
-      Put(out, &d, sizeof d);
-   } else {
-      double d = va_arg(va.ap, double);
-      Put(out, &d, sizeof d);
+      switch (s.len) {
+      case Len::kL: return Op::kLong;
+      case Len::kLL: return Op::kLongLong;
+      case Len::kJ: return Op::kIntMax;
+      case Len::kZ: return Op::kSize;
+      case Len::kT: return Op::kPtrDiff;
+      default: return Op::kInt;
+      }
    }
+   if (IsWideChar(s)) return Op::kWint;
+   if (s.conv == 'c') return Op::kInt;
+   if (IsWideStr(s)) return Op::kWStr;
+   if (s.conv == 's') return Op::kStr;
+   if (s.conv == 'p') return Op::kPtr;
+   if (s.conv == 'n') return Op::kSkip;  // the host never writes through %n
+   return s.len == Len::kBigL ? Op::kLongDouble : Op::kDouble;
 }
 
 // ---- render ----------------------------------------------------------------
@@ -325,19 +285,6 @@ bool BuildSub(Reader &r, const Conversion &s, std::string *sub) {
    return true;
 }
 
-// Takes one conversion's arguments (a '*' width and precision first).
-void TakeConversion(VaBox &va, const Conversion &s, std::string *out) {
-   if (s.starWidth) {
-      Put64(out, TakeInt(va, Len::kNone));
-   }
-   int prec = s.prec;
-   if (s.starPrec) {
-      prec = va_arg(va.ap, int);
-      Put64(out, static_cast<uint64_t>(static_cast<int64_t>(prec)));
-   }
-   TakeValue(va, s, prec, out);
-}
-
 // ---- parsed formats ------------------------------------------------------------
 //
 // The same few dozen formats are logged per port, so each thread keeps the
@@ -354,11 +301,25 @@ struct Plan {
    const char *fmt = nullptr;
    uint64_t generation = 0;
    uint8_t count = 0;
+   uint32_t fixedBytes = 0;  // of every value but a string's characters
+   Op op[kPlanConversions];
    Conversion conv[kPlanConversions];
 };
 
 std::atomic<uint64_t> gGeneration{1};
 thread_local Plan tPlans[kPlans];
+
+// What a conversion's values take in a record, but a string's characters.
+uint32_t FixedBytes(const Conversion &s, Op op) {
+   uint32_t n = (s.starWidth ? 8 : 0) + (s.starPrec ? 8 : 0);
+   switch (op) {
+   case Op::kStr:
+   case Op::kWStr: return n + 4;
+   case Op::kLongDouble: return n + sizeof(long double);
+   case Op::kSkip: return n;
+   default: return n + 8;
+   }
+}
 
 // Calls fn for each argument-taking conversion of fmt, up to the first
 // malformed one, while fn returns true; false if fn stopped the walk.
@@ -381,10 +342,14 @@ bool ForEachConversion(const char *fmt, F fn) {
 // more than fit.
 bool ParsePlan(const char *fmt, Plan *plan) {
    plan->count = 0;
+   plan->fixedBytes = 0;
    return ForEachConversion(fmt, [plan](const Conversion &s) {
       if (plan->count == kPlanConversions) {
          return false;
       }
+      const Op op = OpOf(s);
+      plan->fixedBytes += FixedBytes(s, op);
+      plan->op[plan->count] = op;
       plan->conv[plan->count++] = s;
       return true;
    });
@@ -410,21 +375,137 @@ const Plan *PlanFor(const char *fmt) {
 
 void ForgetParsedFormats() { gGeneration.fetch_add(1, std::memory_order_acq_rel); }
 
-void Capture(const char *fmt, va_list ap, std::string *out) {
-   VaBox va;
-   va_copy(va.ap, ap);
-   if (const Plan *plan = PlanFor(fmt)) {
-      for (uint8_t i = 0; i < plan->count; i++) {
-         TakeConversion(va, plan->conv[i], out);
+namespace {
+
+// The capture of a parsed format, in one frame: the argument list and the
+// cursor stay in registers from one value to the next (passed by reference
+// to a helper, each value waited on the store of the one before).
+std::string_view CaptureParsed(const Conversion *conv, const Op *ops, size_t count, uint32_t fixedBytes,
+                               va_list ap, CaptureBuffer *buf) {
+   va_list va;
+   va_copy(va, ap);
+   char *p = buf->data.get();
+   char *end = p + buf->capacity;
+   // Room for one more value and a string's length; strings check their own.
+   auto room = [&](size_t n) {
+      if (static_cast<size_t>(end - p) < n) {
+         const size_t used = static_cast<size_t>(p - buf->data.get());
+         size_t cap = buf->capacity;
+         while (cap - used < n) {
+            cap *= 2;
+         }
+         auto bigger = std::make_unique<char[]>(cap);
+         memcpy(bigger.get(), buf->data.get(), used);
+         buf->data = std::move(bigger);
+         buf->capacity = cap;
+         p = buf->data.get() + used;
+         end = buf->data.get() + cap;
       }
-      va_end(va.ap);
-      return;
+   };
+   // Every value but a string's characters fits in what is made room for
+   // here; a string makes room for its characters and that again.
+   room(fixedBytes);
+   auto put64 = [&](uint64_t v) {
+      memcpy(p, &v, sizeof v);
+      p += sizeof v;
+   };
+   for (size_t i = 0; i < count; i++) {
+      const Conversion &s = conv[i];
+      int prec = s.prec;
+      if (s.starWidth | s.starPrec) [[unlikely]] {
+         if (s.starWidth) {
+            put64(static_cast<uint64_t>(static_cast<int64_t>(va_arg(va, int))));
+         }
+         if (s.starPrec) {
+            prec = va_arg(va, int);
+            put64(static_cast<uint64_t>(static_cast<int64_t>(prec)));
+         }
+      }
+      switch (ops[i]) {
+      case Op::kInt: put64(static_cast<uint64_t>(static_cast<int64_t>(va_arg(va, int)))); break;
+      case Op::kLong: put64(static_cast<uint64_t>(va_arg(va, long))); break;
+      case Op::kLongLong: put64(static_cast<uint64_t>(va_arg(va, long long))); break;
+      case Op::kIntMax: put64(static_cast<uint64_t>(va_arg(va, intmax_t))); break;
+      case Op::kSize: put64(static_cast<uint64_t>(va_arg(va, size_t))); break;
+      case Op::kPtrDiff: put64(static_cast<uint64_t>(va_arg(va, ptrdiff_t))); break;
+      case Op::kWint: put64(static_cast<uint64_t>(va_arg(va, wint_t))); break;
+      case Op::kPtr: put64(reinterpret_cast<uintptr_t>(va_arg(va, void *))); break;
+      case Op::kSkip: (void)va_arg(va, void *); break;
+      case Op::kStr: {
+         const char *str = va_arg(va, const char *);
+         uint32_t n32 = 0xffffffffu;
+         size_t n = 0;
+         if (str != nullptr) {
+            // With a precision the string need not be terminated: read no further.
+            n = (s.hasPrec && prec >= 0) ? strnlen(str, static_cast<size_t>(prec)) : strlen(str);
+            n32 = static_cast<uint32_t>(n);
+         }
+         room(sizeof n32 + n + fixedBytes);
+         memcpy(p, &n32, sizeof n32);
+         memcpy(p + sizeof n32, str == nullptr ? "" : str, n);
+         p += sizeof n32 + n;
+         break;
+      }
+      case Op::kWStr: {
+         const wchar_t *w = va_arg(va, const wchar_t *);
+         uint32_t n32 = 0xffffffffu;
+         size_t n = 0;
+         if (w != nullptr) {
+            n = (s.hasPrec && prec >= 0) ? wcsnlen(w, static_cast<size_t>(prec)) : wcslen(w);
+            n32 = static_cast<uint32_t>(n);
+         }
+         room(sizeof n32 + n * sizeof(wchar_t) + fixedBytes);
+         memcpy(p, &n32, sizeof n32);
+         if (n != 0) {
+            memcpy(p + sizeof n32, w, n * sizeof(wchar_t));
+         }
+         p += sizeof n32 + n * sizeof(wchar_t);
+         break;
+      }
+      case Op::kLongDouble: {
+         long double d = va_arg(va, long double);
+         memcpy(p, &d, sizeof d);
+         p += sizeof d;
+         break;
+      }
+      case Op::kDouble: {
+         double d = va_arg(va, double);
+         memcpy(p, &d, sizeof d);
+         p += sizeof d;
+         break;
+      }
+      }
    }
+   va_end(va);
+   return {buf->data.get(), static_cast<size_t>(p - buf->data.get())};
+}
+
+}  // namespace
+
+std::string_view Capture(const char *fmt, va_list ap, CaptureBuffer *buf) {
+   if (buf->capacity < kInitialCapture) {
+      buf->data = std::make_unique<char[]>(kInitialCapture);
+      buf->capacity = kInitialCapture;
+   }
+   if (const Plan *plan = PlanFor(fmt)) {
+      return CaptureParsed(plan->conv, plan->op, plan->count, plan->fixedBytes, ap, buf);
+   }
+   // Too many conversions to remember: parsed for this line alone.
+   std::vector<Conversion> conv;
+   std::vector<Op> ops;
+   uint32_t fixedBytes = 0;
    ForEachConversion(fmt, [&](const Conversion &s) {
-      TakeConversion(va, s, out);
+      conv.push_back(s);
+      ops.push_back(OpOf(s));
+      fixedBytes += FixedBytes(s, ops.back());
       return true;
    });
-   va_end(va.ap);
+   return CaptureParsed(conv.data(), ops.data(), conv.size(), fixedBytes, ap, buf);
+}
+
+void Capture(const char *fmt, va_list ap, std::string *out) {
+   CaptureBuffer buf;
+   out->append(Capture(fmt, ap, &buf));
 }
 
 std::string Render(const char *fmt, std::string_view captured) {

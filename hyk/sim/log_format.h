@@ -10,12 +10,24 @@
 #pragma once
 
 #include <cstdarg>
+#include <memory>
 #include <string>
 #include <string_view>
 
 namespace hyksim::logfmt {
 
-// Appends the arguments `fmt` consumes from `ap` to *out.
+// A thread's space for captured arguments, reused from line to line so
+// that a capture costs no allocation and writes through a plain cursor.
+struct CaptureBuffer {
+   std::unique_ptr<char[]> data;
+   size_t capacity = 0;
+};
+
+// Captures the arguments `fmt` consumes from `ap` into *buf; the bytes are
+// valid until the next capture into it.
+std::string_view Capture(const char *fmt, va_list ap, CaptureBuffer *buf);
+
+// The same, appended to *out.
 void Capture(const char *fmt, va_list ap, std::string *out);
 
 // Before an object closes: a format address seen so far may next hold

@@ -63,4 +63,40 @@ TEST(DeferredPrintfTest, AFormatAddressReusedAfterForgettingIsParsedAgain) {
    EXPECT_EQ(Deferred(fmt, "eight", 8, "ate"), "eight then 8 then ate");
 }
 
+// Every kind of value a format can take, read from a remembered format
+// (the second round) as from a freshly parsed one (the first).
+TEST(DeferredPrintfTest, EveryKindOfValueReadsTheSameAsPrintfFromARememberedFormat) {
+   const char *fmt = "%hhd %hd %ld %lld %jd %zu %td %c %lc %ls %p %.2f %Le %*.*s|%-*d|\n";
+   for (int round = 0; round < 2; round++) {
+      const signed char hh = -5;
+      const short h = -300;
+      EXPECT_EQ(Deferred(fmt, hh, h, -70000L, -(1LL << 40), intmax_t(-9), size_t(1) << 33, ptrdiff_t(-12),
+                         'q', wint_t(L'w'), L"wide", reinterpret_cast<void *>(0x1234), 2.5, 1.25L, 6, 3,
+                         "abcdef", 4, round),
+                Printf(fmt, hh, h, -70000L, -(1LL << 40), intmax_t(-9), size_t(1) << 33, ptrdiff_t(-12), 'q',
+                       wint_t(L'w'), L"wide", reinterpret_cast<void *>(0x1234), 2.5, 1.25L, 6, 3, "abcdef",
+                       4, round));
+   }
+}
+
+// Strings longer than a thread's capture space grow it, in a remembered
+// format and in one with too many conversions to remember alike.
+TEST(DeferredPrintfTest, StringsLongerThanTheCaptureSpaceArriveWhole) {
+   const std::string longer(10000, 'x');
+   const std::string longest(50000, 'y');
+   for (int round = 0; round < 2; round++) {
+      EXPECT_EQ(Deferred("<%s|%d|%s>", longer.c_str(), round, longest.c_str()),
+                "<" + longer + "|" + std::to_string(round) + "|" + longest + ">");
+      EXPECT_EQ(Deferred("%d %d %d %d %d %d %d %d %d %d %d %d %d %s", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13,
+                         longest.c_str()),
+                "1 2 3 4 5 6 7 8 9 10 11 12 13 " + longest);
+   }
+   // A string that ends just short of the space's end, and the values after
+   // it that must still fit (AddressSanitizer sees a write past it).
+   for (size_t n = 4000; n < 4096; n++) {
+      const std::string s(n, 'z');
+      EXPECT_EQ(Deferred("%s %.1Lf %.1Lf %d %*d", s.c_str(), 1.5L, 2.5L, 7, 3, 8), s + " 1.5 2.5 7   8");
+   }
+}
+
 }  // namespace

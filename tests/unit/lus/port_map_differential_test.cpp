@@ -3,6 +3,7 @@
 // it is kept here as the reference, and a randomised run of inserts,
 // deletions and lookups over a map whose hash forces many UUIDs into a few
 // buckets checks that both return the same record every time.
+#include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <random>
@@ -57,6 +58,18 @@ class PortMapDifferentialTest : public LusTest {
       }
       std::vector<std::string> uuids;
       for (int i = 0; i < 60; i++) uuids.push_back("vm-" + std::to_string(i * 7919 % 1000));
+      // Full-length UUIDs that share all but their last characters, and
+      // strings that end on either side of an eight-byte boundary: a lookup
+      // compares UUIDs a word at a time.
+      for (int i = 0; i < 12; i++) {
+         char full[40];
+         std::snprintf(full, sizeof full, "564d7a2b-1c3e-4f5a-9b8c-0d1e2f3a4b%02x", i * 37 % 256);
+         uuids.push_back(full);
+      }
+      for (size_t n : {7, 8, 9, 15, 16, 17, 131, 132}) {
+         uuids.push_back(std::string(n, 'u'));
+         uuids.push_back(std::string(n - 1, 'u') + 'v');
+      }
       std::deque<LusInstance> records;
       std::vector<LusInstance *> live;
       auto *find = LusFn<FindV0Fn>("LUS_FindMatchingInstance");
@@ -70,7 +83,10 @@ class PortMapDifferentialTest : public LusTest {
          if (kind < 5 || live.empty()) {
             LusInstance &rec = records.emplace_back();
             memset(&rec, 0, sizeof(rec));
-            strncpy(rec.vmUUID, uuid.c_str(), LUS_UUID_LEN - 1);
+            // Half the records keep bytes after their UUID's end, which no
+            // comparison may look at.
+            if (rng() % 2 == 0) memset(rec.vmUUID, 'g', LUS_UUID_LEN - 1);
+            memcpy(rec.vmUUID, uuid.c_str(), std::min(uuid.size() + 1, size_t(LUS_UUID_LEN - 1)));
             rec.vnicIndex = vnic;
             ClientEntry *c = &clients[rng() % clients.size()];
             // Some records know only their old client, some only the new one, some both.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "internal.h"
 
@@ -67,7 +68,7 @@ hyk_Portset *BorrowPortset(const std::string &name);
 void ReturnPortset(hyk_Portset *ps);
 // Records a portset event on the portset named by an acquired handle.
 // Returns false when `ps` is not a handle the host handed out.
-bool NotePortsetEvent(hyk_Portset *ps, const std::string &event);
+bool NotePortsetEvent(hyk_Portset *ps, std::string_view event);
 
 // Events the portset half asks the event half to raise.
 hyk_Status RaisePortEvent(hyk_PortID port, const char *event);

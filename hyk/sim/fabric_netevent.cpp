@@ -42,12 +42,25 @@ struct Subscription {
 
 using SubPtr = std::shared_ptr<Subscription>;
 
+using Targeted = std::shared_ptr<const std::vector<SubPtr>>;
+
+// The subscribers of one name, as of one generation of the subscriptions.
+struct CachedTargets {
+   uint64_t generation = 0;
+   Targeted subs;
+};
+
 struct Events {
    std::mutex mu;
    std::condition_variable idle;   // a delivery ended
    std::map<uint64_t, SubPtr> subs;   // by handle: handles grow, so this is subscription order
    std::map<std::string, hyk_ModuleID> registered;   // name -> producer
    uint64_t nextHandle = 1;
+   // Moves on with every change of `subs`.  A post takes its subscribers
+   // from `targets` while this holds: a restore event per port no longer
+   // walks every subscription and copies its matches into a new vector.
+   uint64_t generation = 1;
+   std::map<std::string, CachedTargets, std::less<>> targets[2];   // [portEvent], names with subscribers
 };
 
 // Subscriptions whose handler runs on this thread now (innermost last).
@@ -59,6 +72,7 @@ void DropAll(Events &e) {
       sub->removed = true;
    }
    e.subs.clear();
+   e.generation++;
    e.registered.clear();
    e.idle.notify_all();
 }
@@ -77,6 +91,7 @@ void DropModule(Events &e, hyk_ModuleID id, const std::string &module) {
               s.portEvent ? "port" : "network", s.event.c_str());
       s.removed = true;
       it = e.subs.erase(it);
+      e.generation++;
    }
    for (auto it = e.registered.begin(); it != e.registered.end();) {
       if (it->second != id) {
@@ -100,7 +115,7 @@ Events &Ev() {
 }
 
 // Checks an event name: HYK_OK, HYK_BAD_PARAM or HYK_NAME_TOO_LONG.
-hyk_Status CheckName(const char *name, std::string *out) {
+hyk_Status CheckName(const char *name, std::string_view *out) {
    if (name == nullptr) {
       return HYK_BAD_PARAM;
    }
@@ -111,28 +126,47 @@ hyk_Status CheckName(const char *name, std::string *out) {
    if (n == HYK_NETEVENT_NAME_MAX) {
       return HYK_NAME_TOO_LONG;
    }
-   out->assign(name, n);
+   *out = std::string_view(name, n);
    return HYK_OK;
 }
 
-std::vector<SubPtr> Targets(Events &e, const std::string &event, bool portEvent) {
+// The subscribers of `event` now, in subscription order.
+Targeted Targets(Events &e, std::string_view event, bool portEvent) {
+   static const Targeted kNone = std::make_shared<const std::vector<SubPtr>>();
    std::lock_guard<std::mutex> lk(e.mu);
-   std::vector<SubPtr> targets;
+   auto &cache = e.targets[portEvent ? 1 : 0];
+   auto it = cache.find(event);
+   if (it != cache.end() && it->second.generation == e.generation) {
+      return it->second.subs;
+   }
+   auto targets = std::make_shared<std::vector<SubPtr>>();
    for (const auto &[id, sub] : e.subs) {
       if (sub->portEvent == portEvent && sub->event == event) {
-         targets.push_back(sub);
+         targets->push_back(sub);
       }
    }
-   return targets;
+   if (targets->empty()) {
+      // Only names with subscribers are kept: posts of any other name
+      // (a fuzzer's, say) leave nothing behind.
+      if (it != cache.end()) {
+         cache.erase(it);
+      }
+      return kNone;
+   }
+   if (it == cache.end()) {
+      it = cache.emplace(std::string(event), CachedTargets{}).first;
+   }
+   it->second = CachedTargets{e.generation, std::move(targets)};
+   return it->second.subs;
 }
 
 // Runs `call` for each subscription still subscribed when its turn comes;
 // returns the first failing status, after calling every subscriber.
 template <typename Call>
-hyk_Status Deliver(const std::vector<SubPtr> &targets, Call &&call) {
+hyk_Status Deliver(const Targeted &targets, Call &&call) {
    Events &e = Ev();
    hyk_Status first = HYK_OK;
-   for (const SubPtr &sub : targets) {
+   for (const SubPtr &sub : *targets) {
       {
          std::lock_guard<std::mutex> lk(e.mu);
          if (sub->removed) {
@@ -155,10 +189,10 @@ hyk_Status Deliver(const std::vector<SubPtr> &targets, Call &&call) {
    return first;
 }
 
-hyk_Status DeliverNet(const std::string &event, hyk_Portset *ps, void *payload, uint32_t len) {
+hyk_Status DeliverNet(const char *event, hyk_Portset *ps, void *payload, uint32_t len) {
    return Deliver(Targets(Ev(), event, false), [&](const Subscription &s) {
       ModuleScope scope(s.owner, reinterpret_cast<const void *>(s.netCb));
-      return s.netCb(ps, event.c_str(), payload, len, s.cbData);
+      return s.netCb(ps, event, payload, len, s.cbData);
    });
 }
 
@@ -169,7 +203,7 @@ hyk_Status Subscribe(const char *op, uint32_t flags, const char *name, bool port
    if (flags != 0 || handle == nullptr || (netCb == nullptr && portCb == nullptr)) {
       return HYK_BAD_PARAM;
    }
-   std::string event;
+   std::string_view event;
    hyk_Status status = CheckName(name, &event);
    if (status != HYK_OK) {
       return status;
@@ -178,7 +212,7 @@ hyk_Status Subscribe(const char *op, uint32_t flags, const char *name, bool port
       return HYK_NOT_FOUND;   // the host raises no other port event
    }
    auto sub = std::make_shared<Subscription>();
-   sub->event = event;
+   sub->event = std::string(event);
    sub->owner = hyk_ModuleCurrentID();
    sub->portEvent = portEvent;
    sub->netCb = netCb;
@@ -188,6 +222,7 @@ hyk_Status Subscribe(const char *op, uint32_t flags, const char *name, bool port
    std::lock_guard<std::mutex> lk(e.mu);
    sub->id = e.nextHandle++;
    e.subs.emplace(sub->id, sub);
+   e.generation++;
    *handle = sub->id;
    return HYK_OK;
 }
@@ -202,13 +237,15 @@ hyk_Status Unsubscribe(const char *op, hyk_NetEventHandle handle, bool portEvent
    }
    SubPtr sub = it->second;
    e.subs.erase(it);
+   e.generation++;
    sub->removed = true;
    auto own = static_cast<uint32_t>(std::count(tDelivering.begin(), tDelivering.end(), sub.get()));
    e.idle.wait(lk, [&] { return sub->inflight <= own; });
    return HYK_OK;
 }
 
-hyk_Status CheckPost(uint32_t flags, const char *name, const void *payload, uint32_t len, std::string *event) {
+hyk_Status CheckPost(uint32_t flags, const char *name, const void *payload, uint32_t len,
+                     std::string_view *event) {
    if (flags != 0 || (payload == nullptr && len != 0)) {
       return HYK_BAD_PARAM;
    }
@@ -240,7 +277,7 @@ hyk_Status PostPortsetEvent(const std::string &portset, const std::string &name,
    fabric::NotePortsetEvent(ps, name);
    std::vector<uint8_t> copy(static_cast<const uint8_t *>(payload),
                              static_cast<const uint8_t *>(payload) + (payload ? len : 0));
-   hyk_Status status = fabric::DeliverNet(name, ps, payload ? copy.data() : nullptr, len);
+   hyk_Status status = fabric::DeliverNet(name.c_str(), ps, payload ? copy.data() : nullptr, len);
    fabric::ReturnPortset(ps);
    return status;
 }
@@ -267,7 +304,7 @@ hyk_Status TakeOverPortset(const std::string &portset, uint32_t build, unsigned 
 hyk_Status PostGlobalEvent(const std::string &name, const void *payload, uint32_t len) {
    std::vector<uint8_t> copy(static_cast<const uint8_t *>(payload),
                              static_cast<const uint8_t *>(payload) + (payload ? len : 0));
-   return fabric::DeliverNet(name, nullptr, payload ? copy.data() : nullptr, len);
+   return fabric::DeliverNet(name.c_str(), nullptr, payload ? copy.data() : nullptr, len);
 }
 
 std::vector<SubscriptionView> Subscriptions() {
@@ -302,7 +339,7 @@ extern "C" {
 hyk_Status hyk_NetEventRegister(const char *name) {
    HYKSIM_FAULT_POINT("hyk_NetEventRegister");
    hyksim::AssertMaySleep("hyk_NetEventRegister");
-   std::string event;
+   std::string_view event;
    hyk_Status status = hyksim::fabric::CheckName(name, &event);
    if (status != HYK_OK) {
       return status;
@@ -310,20 +347,20 @@ hyk_Status hyk_NetEventRegister(const char *name) {
    hyk_ModuleID producer = hyk_ModuleCurrentID();
    Events &e = Ev();
    std::lock_guard<std::mutex> lk(e.mu);
-   return e.registered.emplace(event, producer).second ? HYK_OK : HYK_EXISTS;
+   return e.registered.emplace(std::string(event), producer).second ? HYK_OK : HYK_EXISTS;
 }
 
 hyk_Status hyk_NetEventUnregister(const char *name) {
    HYKSIM_FAULT_POINT("hyk_NetEventUnregister");
    hyksim::AssertMaySleep("hyk_NetEventUnregister");
-   std::string event;
+   std::string_view event;
    hyk_Status status = hyksim::fabric::CheckName(name, &event);
    if (status != HYK_OK) {
       return status;
    }
    Events &e = Ev();
    std::lock_guard<std::mutex> lk(e.mu);
-   return e.registered.erase(event) != 0 ? HYK_OK : HYK_NOT_FOUND;
+   return e.registered.erase(std::string(event)) != 0 ? HYK_OK : HYK_NOT_FOUND;
 }
 
 hyk_Status hyk_NetEventPortsetEventSubscribe(uint32_t flags, const char *name, hyk_NetEventCallback cb,
@@ -354,18 +391,18 @@ hyk_Status hyk_NetEventPortEventUnsubscribe(hyk_NetEventHandle handle) {
 // allowed wherever its handlers' own calls are.
 hyk_Status hyk_NetEventPost(uint32_t flags, const char *name, void *payload, uint32_t len) {
    HYKSIM_FAULT_POINT("hyk_NetEventPost");
-   std::string event;
+   std::string_view event;
    hyk_Status status = hyksim::fabric::CheckPost(flags, name, payload, len, &event);
    if (status != HYK_OK) {
       return status;
    }
-   return hyksim::fabric::DeliverNet(event, nullptr, payload, len);
+   return hyksim::fabric::DeliverNet(name, nullptr, payload, len);
 }
 
 hyk_Status hyk_NetEventPortsetEventPost(uint32_t flags, const char *name, hyk_Portset *ps, void *payload,
                                         uint32_t len) {
    HYKSIM_FAULT_POINT("hyk_NetEventPortsetEventPost");
-   std::string event;
+   std::string_view event;
    hyk_Status status = hyksim::fabric::CheckPost(flags, name, payload, len, &event);
    if (status != HYK_OK) {
       return status;
@@ -373,7 +410,7 @@ hyk_Status hyk_NetEventPortsetEventPost(uint32_t flags, const char *name, hyk_Po
    if (!hyksim::fabric::NotePortsetEvent(ps, event)) {
       return HYK_BAD_PARAM;   // not a portset the caller holds
    }
-   return hyksim::fabric::DeliverNet(event, ps, payload, len);
+   return hyksim::fabric::DeliverNet(name, ps, payload, len);
 }
 
 }  // extern "C"

@@ -117,6 +117,7 @@ hyk_Status AddPort(const std::string &portset, const PortSpec &desc, hyk_PortID 
    port.id = t.nextPort++;
    port.portset = portset;
    port.desc = desc;
+   port.blocked.reserve(4);
    for (const auto &[key, value] : desc.properties) {
       port.props[key] = fabric::Stored(value.data(), static_cast<uint32_t>(value.size()));
    }

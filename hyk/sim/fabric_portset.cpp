@@ -36,6 +36,8 @@ void DropEverything(Topology &t) {
    t.vnicIdentities.Clear();
    t.issuedIdentities.Clear();
    t.handles.clear();
+   t.eventNames.clear();
+   t.eventIds.clear();
    t.nextPort = 1;
    t.cv.notify_all();
 }
@@ -162,7 +164,10 @@ PortsetView ViewOf(const Portset &ps) {
    v.ports.assign(ps.ports.begin(), ps.ports.end());
    v.upgradeNamespaces = ps.namespaces;
    v.upgradeProperties = ps.upgradeProperties;
-   v.events = ps.events;
+   const Topology &t = Topo();   // its mutex is held
+   for (uint32_t id : ps.events) {
+      v.events.push_back(t.eventNames[id]);
+   }
    v.fdpCommands = ps.fdpCommands;
    v.fdpCommandClasses = ps.fdpCommandClasses;
    v.acquireCount = static_cast<uint32_t>(ps.readers.size() + (ps.exclusive ? 1 : 0));
@@ -249,14 +254,19 @@ void ReturnPortset(hyk_Portset *ps) {
    t.handles.erase(it);
 }
 
-bool NotePortsetEvent(hyk_Portset *ps, const std::string &event) {
+bool NotePortsetEvent(hyk_Portset *ps, std::string_view event) {
    Topology &t = Topo();
    std::lock_guard<std::mutex> lk(t.mu);
    Portset *p = LockedPortset(t, ps);
    if (p == nullptr) {
       return false;
    }
-   p->events.push_back(event);
+   auto it = t.eventIds.find(event);
+   if (it == t.eventIds.end()) {
+      it = t.eventIds.emplace(std::string(event), static_cast<uint32_t>(t.eventNames.size())).first;
+      t.eventNames.emplace_back(event);
+   }
+   p->events.push_back(it->second);
    return true;
 }
 

@@ -130,8 +130,11 @@ struct Port {
    PortSpec desc;                // desc.properties is rebuilt from `props` for views
    // Property values with a trailing NUL the length leaves out; the host
    // hands out pointers into these, valid until the property changes.
-   std::map<std::string, std::vector<uint8_t>> props;
+   // Found by a module's key without building a string of it.
+   std::map<std::string, std::vector<uint8_t>, std::less<>> props;
    uint32_t reasons = 0;
+   // Room for a few intervals is made when the port is added, so that an
+   // upgrade's block (one per port) allocates nothing.
    std::vector<BlockedInterval> blocked;
    hyk_VNICHandle vnic = 0;
    uint32_t revalidations = 0;
@@ -153,7 +156,7 @@ struct Portset {
    std::atomic<uint64_t> removals{0};
    std::map<std::string, std::vector<hyk_ModuleID>> namespaces;
    std::map<std::string, std::string> upgradeProperties;
-   std::vector<std::string> events;
+   std::vector<uint32_t> events;   // posted on it, in order: indexes of Topology::eventNames
    std::vector<std::vector<uint8_t>> fdpCommands;
    std::vector<uint32_t> fdpCommandClasses;
    // Acquisition: any number of readers or one exclusive holder.
@@ -187,6 +190,11 @@ struct Topology {
    IdTable<Port> portsById;
    IdentityArena issuedIdentities;
    std::unordered_map<const hyk_Portset *, Handle> handles;
+   // The names of portset events, each stored once: a portset's record of
+   // its events holds indexes, so a post (one per port in an upgrade) adds
+   // four bytes, not a copy of a 32-character name.
+   std::vector<std::string> eventNames;
+   std::map<std::string, uint32_t, std::less<>> eventIds;
    hyk_PortID nextPort = 1;
    uint64_t nextVnic = 1;
    uint64_t nextHandle = 1;

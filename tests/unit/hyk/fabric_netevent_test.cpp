@@ -218,6 +218,66 @@ TEST_F(NetEventTest, UnsubscribedHandlerIsNotCalledAgain) {
 
 hyk_Status PortHandler(hyk_PortID port, const char *event, void *cbData);
 
+// The subscribers of a name as they stand at each post, whatever was posted
+// before: a subscription, an unsubscription and an unload in between each
+// change who is called next, for network and port events alike.
+TEST_F(NetEventTest, EachPostReachesTheSubscribersOfThatMoment) {
+   hyk_ModuleID a = LoadModule("mod_a");
+   hyk_ModuleID b = LoadModule("mod_b");
+   auto ports = MakePortset("ps0", 1);
+   Recorder rec;
+   Tagged ta{&rec, "a"}, tb{&rec, "b"}, tc{&rec, "c"};
+   auto tags = [&] {
+      std::vector<std::string> out;
+      for (const Seen &s : rec.calls) out.push_back(s.tag);
+      rec.calls.clear();
+      return out;
+   };
+   const char *name = "com.example.a.name.longer.than.sso";
+   hyk_NetEventHandle ha = SubscribeAs(a, name, &ta);
+   EXPECT_EQ(hyk_NetEventPost(0, name, nullptr, 0), HYK_OK);
+   EXPECT_EQ(tags(), std::vector<std::string>{"a"});
+   SubscribeAs(b, name, &tb);
+   EXPECT_EQ(hyk_NetEventPost(0, name, nullptr, 0), HYK_OK);
+   EXPECT_EQ(tags(), (std::vector<std::string>{"a", "b"}));
+   EXPECT_EQ(hyk_NetEventPortsetEventUnsubscribe(ha), HYK_OK);
+   EXPECT_EQ(hyk_NetEventPost(0, name, nullptr, 0), HYK_OK);
+   EXPECT_EQ(tags(), std::vector<std::string>{"b"});
+   ASSERT_EQ(hyksim::UnloadModule("mod_b"), HYK_OK);
+   EXPECT_EQ(hyk_NetEventPost(0, name, nullptr, 0), HYK_OK);
+   EXPECT_TRUE(tags().empty());
+   SubscribeAs(a, name, &tc);
+   EXPECT_EQ(hyk_NetEventPost(0, name, nullptr, 0), HYK_OK);
+   EXPECT_EQ(tags(), std::vector<std::string>{"c"});
+
+   Recorder portRec;
+   EXPECT_EQ(hyksim::EnablePort(ports[0]), HYK_OK);
+   hyk_NetEventHandle hp = 0;
+   ASSERT_EQ(AsModule(a, [&] {
+                return hyk_NetEventPortEventSubscribe(0, HYK_PORT_EVENT_STATE_ENABLE, PortHandler, &portRec, &hp);
+             }),
+             HYK_OK);
+   EXPECT_EQ(hyksim::EnablePort(ports[0]), HYK_OK);
+   EXPECT_EQ(portRec.calls.size(), 1u);
+   EXPECT_EQ(hyk_NetEventPortEventUnsubscribe(hp), HYK_OK);
+   EXPECT_EQ(hyksim::EnablePort(ports[0]), HYK_OK);
+   EXPECT_EQ(portRec.calls.size(), 1u);
+}
+
+// A portset's record of its events keeps each post's name, in order, apart
+// from another portset's.
+TEST_F(NetEventTest, EachPortsetRecordsTheNamesPostedOnItInOrder) {
+   MakePortset("ps0", 1);
+   MakePortset("ps1", 1);
+   const std::string first = "com.example.first.event.name", second = "ev2";
+   for (const auto &[portset, name] : std::vector<std::pair<std::string, std::string>>{
+           {"ps0", first}, {"ps1", second}, {"ps0", second}, {"ps0", first}, {"ps1", first}}) {
+      ASSERT_EQ(hyksim::PostPortsetEvent(portset, name, nullptr, 0), HYK_OK);
+   }
+   EXPECT_EQ(hyksim::FindPortset("ps0")->events, (std::vector<std::string>{first, second, first}));
+   EXPECT_EQ(hyksim::FindPortset("ps1")->events, (std::vector<std::string>{second, first}));
+}
+
 TEST_F(NetEventTest, UnsubscribeRefusesAHandleOfTheOtherKind) {
    hyk_NetEventHandle net = 0, port = 0;
    Recorder rec;

@@ -409,6 +409,17 @@ std::string_view CaptureParsed(const Conversion *conv, const Op *ops, size_t cou
       memcpy(p, &v, sizeof v);
       p += sizeof v;
    };
+   // A string: its length in characters (all ones for a null pointer), then them.
+   auto putString = [&](const auto *str, size_t n) {
+      const uint32_t n32 = str == nullptr ? 0xffffffffu : static_cast<uint32_t>(n);
+      const size_t bytes = n * sizeof *str;
+      room(sizeof n32 + bytes + fixedBytes);
+      memcpy(p, &n32, sizeof n32);
+      if (bytes != 0) {
+         memcpy(p + sizeof n32, str, bytes);
+      }
+      p += sizeof n32 + bytes;
+   };
    for (size_t i = 0; i < count; i++) {
       const Conversion &s = conv[i];
       int prec = s.prec;
@@ -421,6 +432,8 @@ std::string_view CaptureParsed(const Conversion *conv, const Op *ops, size_t cou
             put64(static_cast<uint64_t>(static_cast<int64_t>(prec)));
          }
       }
+      // With a precision a string need not be terminated: read no further.
+      const bool bounded = s.hasPrec && prec >= 0;
       switch (ops[i]) {
       case Op::kInt: put64(static_cast<uint64_t>(static_cast<int64_t>(va_arg(va, int)))); break;
       case Op::kLong: put64(static_cast<uint64_t>(va_arg(va, long))); break;
@@ -433,33 +446,12 @@ std::string_view CaptureParsed(const Conversion *conv, const Op *ops, size_t cou
       case Op::kSkip: (void)va_arg(va, void *); break;
       case Op::kStr: {
          const char *str = va_arg(va, const char *);
-         uint32_t n32 = 0xffffffffu;
-         size_t n = 0;
-         if (str != nullptr) {
-            // With a precision the string need not be terminated: read no further.
-            n = (s.hasPrec && prec >= 0) ? strnlen(str, static_cast<size_t>(prec)) : strlen(str);
-            n32 = static_cast<uint32_t>(n);
-         }
-         room(sizeof n32 + n + fixedBytes);
-         memcpy(p, &n32, sizeof n32);
-         memcpy(p + sizeof n32, str == nullptr ? "" : str, n);
-         p += sizeof n32 + n;
+         putString(str, str == nullptr ? 0 : bounded ? strnlen(str, static_cast<size_t>(prec)) : strlen(str));
          break;
       }
       case Op::kWStr: {
          const wchar_t *w = va_arg(va, const wchar_t *);
-         uint32_t n32 = 0xffffffffu;
-         size_t n = 0;
-         if (w != nullptr) {
-            n = (s.hasPrec && prec >= 0) ? wcsnlen(w, static_cast<size_t>(prec)) : wcslen(w);
-            n32 = static_cast<uint32_t>(n);
-         }
-         room(sizeof n32 + n * sizeof(wchar_t) + fixedBytes);
-         memcpy(p, &n32, sizeof n32);
-         if (n != 0) {
-            memcpy(p + sizeof n32, w, n * sizeof(wchar_t));
-         }
-         p += sizeof n32 + n * sizeof(wchar_t);
+         putString(w, w == nullptr ? 0 : bounded ? wcsnlen(w, static_cast<size_t>(prec)) : wcslen(w));
          break;
       }
       case Op::kLongDouble: {

@@ -79,6 +79,17 @@ TEST(DeferredPrintfTest, EveryKindOfValueReadsTheSameAsPrintfFromARememberedForm
    }
 }
 
+// A null string reads as printf prints it, narrow or wide, with or without
+// a precision.
+TEST(DeferredPrintfTest, NullStringsReadAsPrintfPrintsThem) {
+   const char *fmt = "[%s|%.3s|%ls|%d]";
+   const char *none = nullptr;
+   const wchar_t *wnone = nullptr;
+   for (int round = 0; round < 2; round++) {
+      EXPECT_EQ(Deferred(fmt, none, none, wnone, round), Printf(fmt, none, none, wnone, round));
+   }
+}
+
 // Strings longer than a thread's capture space grow it, in a remembered
 // format and in one with too many conversions to remember alike.
 TEST(DeferredPrintfTest, StringsLongerThanTheCaptureSpaceArriveWhole) {

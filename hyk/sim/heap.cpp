@@ -59,7 +59,7 @@ struct Alloc {
 // buffers one port after another, and malloc hands out neighbouring
 // addresses for neighbouring calls, so consecutive calls meet the same
 // words of the map: a hash table of live pointers took a cache miss per
-// call on a random slot of megabytes, a tenth of the blackout.
+// call on a random slot of megabytes (6 ms of a 16,384-port blackout of 76).
 
 struct Header {
    hyk_HeapID heap;

@@ -386,7 +386,7 @@ std::string_view CaptureParsed(const Conversion *conv, const Op *ops, size_t cou
    va_copy(va, ap);
    char *p = buf->data.get();
    char *end = p + buf->capacity;
-   // Room for one more value and a string's length; strings check their own.
+   // Grows the space, when it must, so that n more bytes fit.
    auto room = [&](size_t n) {
       if (static_cast<size_t>(end - p) < n) {
          const size_t used = static_cast<size_t>(p - buf->data.get());

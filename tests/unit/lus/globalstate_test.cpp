@@ -136,6 +136,10 @@ TEST_F(GlobalStateTest, FailedCompletionIsReportedAndThePassGoesOn) {
              1u);
    EXPECT_EQ(b.to->globalRestored.size(), 1u);
    EXPECT_EQ(b.from->globalCompleteResults, std::vector<uint32_t>{LUS_COMPLETE_SUCCESS});
+   // Every callback that succeeded has its duration logged: both clients'
+   // save and restore, and only b's completion.
+   EXPECT_EQ(InfoLines("lusPsLogDuration", "Client: a CB duration (ms): 0 ", 5), 2u);
+   EXPECT_EQ(InfoLines("lusPsLogDuration", "Client: b CB duration (ms): 0 ", 5), 3u);
 }
 
 TEST_F(GlobalStateTest, NewClientWithoutRestoreCallbackIsSkippedUnsaved) {

@@ -136,6 +136,21 @@ TEST_F(RuntimeSizeTest, PrefetchRunsAsTheClientBeforeGetSizeAndItsFailureStops) 
    EXPECT_EQ(FindV0("vm-0", 0, "fw")->stateLen, 0u);
 }
 
+// A failing prefetch stops the port there: the clients after it are not
+// asked, and the failure is what the port returns.
+TEST_F(RuntimeSizeTest, FailedPrefetchLeavesTheLaterClientsUnasked) {
+   LoadNew();
+   auto alpha = Pair("alpha", [](TestClientConfig &c) { c.result[kPrefetch] = HYK_TIMEOUT; });
+   auto beta = Pair("beta");
+   auto ports = MakePortset("ps0", 1);
+   EnrolV0({"ps0"});
+   EXPECT_EQ(Visit("LUS_GetTotalSize", ports[0]), HYK_TIMEOUT);
+   EXPECT_EQ(alpha.from->Calls(kGetSize), 0u);
+   EXPECT_EQ(beta.from->Calls(kPrefetch), 0u);
+   EXPECT_EQ(beta.from->Calls(kGetSize), 0u);
+   EXPECT_EQ(FindV0("vm-0", 0, "beta")->stateLen, 0u);
+}
+
 TEST_F(RuntimeSizeTest, MissingRecordOfASavingClientIsNotFound) {
    LoadNew();
    Pair("fw");

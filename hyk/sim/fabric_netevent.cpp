@@ -73,6 +73,8 @@ void DropAll(Events &e) {
    }
    e.subs.clear();
    e.generation++;
+   e.targets[0].clear();
+   e.targets[1].clear();
    e.registered.clear();
    e.idle.notify_all();
 }

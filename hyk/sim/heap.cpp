@@ -62,11 +62,8 @@ struct Alloc {
 // call on a random slot of megabytes (6 ms of a 16,384-port blackout of 76).
 
 struct Header {
-   hyk_HeapID heap;
-   void *ra;
-   uint32_t size;
-   uint32_t unused;
-   uint64_t unused2;  // keeps what the module gets 16-byte aligned, as malloc's
+   Alloc alloc;
+   uint64_t unused;  // keeps what the module gets 16-byte aligned, as malloc's
 };
 constexpr size_t kHeader = sizeof(Header);
 static_assert(kHeader % 16 == 0);
@@ -152,12 +149,27 @@ Leaf &LeafFor(uintptr_t a) {
 }
 
 // The header sits inside malloc's block, where a module must not reach: it
-// is poisoned for AddressSanitizer, and only the host unpoisons it to read.
-void HideHeader(Header *h) { ASAN_POISON_MEMORY_REGION(h, kHeader); }
-Header *HeaderOf(void *mem) {
-   auto *h = reinterpret_cast<Header *>(static_cast<char *>(mem) - kHeader);
+// is poisoned for AddressSanitizer, and only the host unpoisons it, for the
+// moment it reads or writes it.
+Header *HeaderOf(void *mem) { return reinterpret_cast<Header *>(static_cast<char *>(mem) - kHeader); }
+void WriteHeader(void *mem, const Alloc &a) {
+   Header *h = HeaderOf(mem);
    ASAN_UNPOISON_MEMORY_REGION(h, kHeader);
-   return h;
+   *h = Header{a, 0};
+   ASAN_POISON_MEMORY_REGION(h, kHeader);
+}
+Alloc ReadHeader(void *mem) {
+   Header *h = HeaderOf(mem);
+   ASAN_UNPOISON_MEMORY_REGION(h, kHeader);
+   const Alloc a = h->alloc;
+   ASAN_POISON_MEMORY_REGION(h, kHeader);
+   return a;
+}
+
+// Every leaf made so far.
+std::vector<Leaf *> AllLeaves() {
+   std::lock_guard<std::mutex> lk(Map().growMu);
+   return Map().leaves;
 }
 
 bool TestBit(const Leaf &l, size_t bit) { return (l.bits[bit / 64] >> (bit % 64)) & 1; }
@@ -165,10 +177,8 @@ void SetBit(Leaf &l, size_t bit) { l.bits[bit / 64] |= uint64_t(1) << (bit % 64)
 void ClearBit(Leaf &l, size_t bit) { l.bits[bit / 64] &= ~(uint64_t(1) << (bit % 64)); }
 
 // Records a live allocation at `mem`.
-void MarkLive(void *mem, hyk_HeapID heap, uint32_t size, void *ra) {
-   Header *h = HeaderOf(mem);
-   *h = Header{heap, ra, size, 0, 0};
-   HideHeader(h);
+void MarkLive(void *mem, const Alloc &alloc) {
+   WriteHeader(mem, alloc);
    const auto a = reinterpret_cast<uintptr_t>(mem);
    Leaf &l = LeafFor(a);
    std::lock_guard<core::ShortLock> lk(l.mu);
@@ -193,10 +203,8 @@ Verdict TakeOut(void *mem, hyk_HeapID heap) {
    }
    std::lock_guard<core::ShortLock> lk(l->mu);
    if (a % (size_t(1) << kGranuleShift) == 0 && TestBit(*l, Bit(a))) {
-      Header *h = HeaderOf(mem);
       v.kind = Verdict::kLive;
-      v.alloc = Alloc{h->heap, h->size, h->ra};
-      HideHeader(h);
+      v.alloc = ReadHeader(mem);
       if (v.alloc.heap == heap) {
          ClearBit(*l, Bit(a));
          l->freed[l->nextFreed] = Freed{mem, heap};
@@ -218,21 +226,14 @@ Verdict TakeOut(void *mem, hyk_HeapID heap) {
 // Takes every live allocation of `id` out of the map: a scan of every leaf
 // (only a heap destroyed with allocations left, or a host reset, pays it).
 std::vector<std::pair<void *, Alloc>> TakeLive(hyk_HeapID id) {
-   std::vector<Leaf *> leaves;
-   {
-      std::lock_guard<std::mutex> lk(Map().growMu);
-      leaves = Map().leaves;
-   }
    std::vector<std::pair<void *, Alloc>> out;
-   for (Leaf *l : leaves) {
+   for (Leaf *l : AllLeaves()) {
       std::lock_guard<core::ShortLock> lk(l->mu);
       for (size_t w = 0; w < kLeafWords; w++) {
          for (uint64_t bits = l->bits[w]; bits != 0; bits &= bits - 1) {
             const size_t bit = w * 64 + static_cast<size_t>(__builtin_ctzll(bits));
             void *mem = reinterpret_cast<void *>(l->base + (bit << kGranuleShift));
-            Header *h = HeaderOf(mem);
-            const Alloc a{h->heap, h->size, h->ra};
-            HideHeader(h);
+            const Alloc a = ReadHeader(mem);
             if (a.heap == id) {
                ClearBit(*l, bit);
                out.emplace_back(mem, a);
@@ -451,12 +452,7 @@ void HeapsClearHistory() {
       Reg().next = 1;
       Reg().everyHeap.clear();   // the host is between lives: nobody allocates
    }
-   std::vector<Leaf *> leaves;
-   {
-      std::lock_guard<std::mutex> lk(Map().growMu);
-      leaves = Map().leaves;
-   }
-   for (Leaf *l : leaves) {
+   for (Leaf *l : AllLeaves()) {
       std::lock_guard<core::ShortLock> lk(l->mu);
       l->freed.fill(Freed{});
       l->nextFreed = 0;
@@ -548,7 +544,7 @@ extern "C" void *hyk_HeapAllocWithRA(hyk_HeapID heap, uint32_t size, void *ra) {
    }
    h->live.fetch_add(1, std::memory_order_relaxed);
    void *mem = static_cast<char *>(block) + kHeader;
-   MarkLive(mem, heap, size, ra);
+   MarkLive(mem, Alloc{heap, size, ra});
    return mem;
 }
 

@@ -495,11 +495,6 @@ std::string_view Capture(const char *fmt, va_list ap, CaptureBuffer *buf) {
    return CaptureParsed(conv.data(), ops.data(), conv.size(), fixedBytes, ap, buf);
 }
 
-void Capture(const char *fmt, va_list ap, std::string *out) {
-   CaptureBuffer buf;
-   out->append(Capture(fmt, ap, &buf));
-}
-
 std::string Render(const char *fmt, std::string_view captured) {
    std::string out;
    std::string sub;

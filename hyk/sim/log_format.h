@@ -27,9 +27,6 @@ struct CaptureBuffer {
 // valid until the next capture into it.
 std::string_view Capture(const char *fmt, va_list ap, CaptureBuffer *buf);
 
-// The same, appended to *out.
-void Capture(const char *fmt, va_list ap, std::string *out);
-
 // Before an object closes: a format address seen so far may next hold
 // another format.
 void ForgetParsedFormats();

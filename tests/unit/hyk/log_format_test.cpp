@@ -17,11 +17,12 @@ using hyksim::logfmt::Capture;
 using hyksim::logfmt::ForgetParsedFormats;
 using hyksim::logfmt::Render;
 
+// A fresh capture space per call, as a thread's first line has.
 std::string Deferred(const char *fmt, ...) {
-   std::string captured;
+   hyksim::logfmt::CaptureBuffer space;
    va_list ap;
    va_start(ap, fmt);
-   Capture(fmt, ap, &captured);
+   const std::string captured(Capture(fmt, ap, &space));
    va_end(ap);
    return Render(fmt, captured);
 }

@@ -31,6 +31,17 @@ class MapFixture : public LusTest {
    hyk_Status RegAllPS(const char *ps) {
       return AsLus([&] { return LusFn<RegAllPSFn>("LUS_ClientRegAllPS")(ps); });
    }
+   // Clients alpha and beta of both builds, version 1, on `n` ports of ps0
+   // enrolled: the ports, and the map that holds them.
+   std::vector<hyk_PortID> EnrolTwoClients(int n, LusHashMap **map) {
+      Pair("alpha");
+      Pair("beta");
+      auto ports = MakePortset("ps0", n);
+      RegisterV1();
+      EXPECT_EQ(RegAllPS("ps0"), HYK_OK);
+      *map = Var<LusHashMap *>("lusHashMap");
+      return ports;
+   }
    LusPortInstV1 *Port(LusHashMap *map, hyk_PortID id) {
       return LusFn<LookupV1Fn>("lusLookupPortV1")(map, id);
    }
@@ -85,12 +96,8 @@ TEST_F(PortInstanceMapTest, MapHeaderAndBucketsAreSetAtCreation) {
 
 TEST_F(PortInstanceMapTest, SamePortUnderTwoClientsGivesOneInstanceNewestFirst) {
    Load({"fromBuild=1000"});
-   Pair("alpha");
-   Pair("beta");
-   auto ports = MakePortset("ps0", 1);
-   RegisterV1();
-   ASSERT_EQ(RegAllPS("ps0"), HYK_OK);
-   LusHashMap *map = Var<LusHashMap *>("lusHashMap");
+   LusHashMap *map = nullptr;
+   auto ports = EnrolTwoClients(1, &map);
    EXPECT_EQ(map->count, 1u);
    LusPortInstV1 *inst = Port(map, ports[0]);
    ASSERT_NE(inst, nullptr);
@@ -426,12 +433,8 @@ TEST_F(PortMapRemovalTest, HashEmptyOfNullMapReturnsZeroSilently) {
 
 TEST_F(PortMapRemovalTest, RemovingPortWhoseClientsSavedNothingLogsOncePerClient) {
    Load({"fromBuild=1000", "lusLogLevel=5"});
-   Pair("alpha");
-   Pair("beta");
-   auto ports = MakePortset("ps0", 2);
-   RegisterV1();
-   ASSERT_EQ(RegAllPS("ps0"), HYK_OK);
-   LusHashMap *map = Var<LusHashMap *>("lusHashMap");
+   LusHashMap *map = nullptr;
+   auto ports = EnrolTwoClients(2, &map);
    ASSERT_EQ(map->count, 2u);
    AsLus([&] { LusFn<RemovePortV1Fn>("LUS_RemovePortFromMapV1")(map, ports[0]); });
    EXPECT_EQ(CountModuleLines(ErrorCodeLineRe("lusDeleteEntryV1", 136, "Client alpha with no state present in clientList : No data available"), 1), 1u);
@@ -500,12 +503,8 @@ TEST_F(PortMapRemovalTest, RemovingPortReportsTheStateItDropsDownToOneByte) {
 // clients dropped state.
 TEST_F(PortMapRemovalTest, EmptyingAVersionOneMapTalliesOnlyRecordsHoldingState) {
    Load({"fromBuild=1000"});
-   Pair("alpha");
-   Pair("beta");
-   auto ports = MakePortset("ps0", 3);
-   RegisterV1();
-   ASSERT_EQ(RegAllPS("ps0"), HYK_OK);
-   LusHashMap *map = Var<LusHashMap *>("lusHashMap");
+   LusHashMap *map = nullptr;
+   auto ports = EnrolTwoClients(3, &map);
    auto give = [&](hyk_PortID port, int client, uint32_t bytes, uint64_t len) {
       std::vector<LusClientInst *> recs = RecordsOf(Port(map, port));
       ASSERT_EQ(recs.size(), 2u);

@@ -47,6 +47,16 @@ class ShortLock {
    std::atomic<bool> locked_{false};
 };
 
+// ---- per-thread counting slots (fault.cpp) ---------------------------------
+// A counter bumped on a hot path keeps one word per thread, summed when read:
+// a locked add on a shared word made every caller wait for its pending stores.
+// A thread owns slot CountingSlot() from its first count to its exit, and
+// only the owner writes it, with a plain load and store; the slot is handed
+// on with its counts after the owner exits.  Threads past kCountSlots share
+// slot kCountSlots, which takes atomic adds.
+constexpr size_t kCountSlots = 32;
+size_t CountingSlot();
+
 // ---- host options (host_core.cpp) ------------------------------------------
 // The options are written only by HostStart; the hot flags are atomics so
 // that threads of a previous host never race with a restart.

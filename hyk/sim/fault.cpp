@@ -40,65 +40,17 @@ struct ActiveSpec {
    uint64_t rng = 0;      // splitmix64 state for probability faults
 };
 
-// The counting threads' slot indices: a thread owns one from its first
-// count to its exit, and only the owner writes a slot, so a count is a
-// plain load and store of its own cache line (a locked add per host call
-// also made the caller wait for its pending stores).  An index is handed
-// on after its owner exits, with the counts it holds (the pool's mutex
-// orders the last owner's stores before the next owner's loads).  Threads
-// past kCountSlots share one more slot, counted with atomic adds.
-constexpr size_t kCountSlots = 32;
-
-class SlotPool {
-  public:
-   size_t Take() {
-      std::lock_guard<std::mutex> lk(mu_);
-      for (size_t i = 0; i < kCountSlots; i++) {
-         if (!used_[i]) {
-            used_[i] = true;
-            return i;
-         }
-      }
-      return kCountSlots;
-   }
-   void Give(size_t i) {
-      std::lock_guard<std::mutex> lk(mu_);
-      if (i < kCountSlots) {
-         used_[i] = false;
-      }
-   }
-
-  private:
-   std::mutex mu_;
-   bool used_[kCountSlots] = {};
-};
-
-SlotPool &Pool() {
-   static SlotPool *pool = new SlotPool();  // never destroyed: threads count until exit
-   return *pool;
-}
-
-struct SlotOwner {
-   size_t index = Pool().Take();
-   ~SlotOwner() { Pool().Give(index); }
-};
-
-size_t MySlot() {
-   thread_local SlotOwner owner;
-   return owner.index;
-}
-
 // A call count summed over its slots when read.  A reset moves the zero
 // (`base_`) instead of writing other threads' slots.
 class CallCount {
   public:
    void Add() {
-      const size_t i = MySlot();
-      if (i < kCountSlots) {
+      const size_t i = core::CountingSlot();
+      if (i < core::kCountSlots) {
          std::atomic<uint64_t> &n = slots_[i].n;
          n.store(n.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
       } else {
-         slots_[kCountSlots].n.fetch_add(1, std::memory_order_relaxed);
+         slots_[core::kCountSlots].n.fetch_add(1, std::memory_order_relaxed);
       }
    }
    uint64_t Load() const { return Sum() - base_.load(std::memory_order_relaxed); }
@@ -115,7 +67,7 @@ class CallCount {
    struct alignas(64) Padded {
       std::atomic<uint64_t> n{0};
    };
-   Padded slots_[kCountSlots + 1];
+   Padded slots_[core::kCountSlots + 1];
    std::atomic<uint64_t> base_{0};
 };
 
@@ -318,6 +270,51 @@ std::vector<std::string> Trace() {
 }
 
 namespace core {
+
+namespace {
+
+// The counting slots' owners (see core.h).  The pool's mutex orders a
+// slot's last owner's stores before the next owner's loads.
+class SlotPool {
+  public:
+   size_t Take() {
+      std::lock_guard<std::mutex> lk(mu_);
+      for (size_t i = 0; i < kCountSlots; i++) {
+         if (!used_[i]) {
+            used_[i] = true;
+            return i;
+         }
+      }
+      return kCountSlots;
+   }
+   void Give(size_t i) {
+      std::lock_guard<std::mutex> lk(mu_);
+      if (i < kCountSlots) {
+         used_[i] = false;
+      }
+   }
+
+  private:
+   std::mutex mu_;
+   bool used_[kCountSlots] = {};
+};
+
+SlotPool &Pool() {
+   static SlotPool *pool = new SlotPool();  // never destroyed: threads count until exit
+   return *pool;
+}
+
+struct SlotOwner {
+   size_t index = Pool().Take();
+   ~SlotOwner() { Pool().Give(index); }
+};
+
+}  // namespace
+
+size_t CountingSlot() {
+   thread_local SlotOwner owner;
+   return owner.index;
+}
 
 void FaultsReset() {
    FaultState &s = State();

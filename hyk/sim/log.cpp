@@ -1,10 +1,10 @@
 // log.cpp -- the host log: log components, the plain printers, the logger
 // thread and the control API's view of the log.
 //
-// A caller of hyk_LogLevel pays for a level test, a copy of the raw
-// arguments (log_format.cpp) and a short critical section to append the
-// record to the queue; the logger thread formats the records in order and
-// appends them to the in-memory log and the log file.  When no logger thread
+// A caller of hyk_LogLevel pays for a level test and a short critical
+// section in which the raw arguments (log_format.cpp) are captured straight
+// into a record at the queue's end; the logger thread formats the records
+// in order and appends them to the in-memory log and the log file.  When no logger thread
 // runs (before HostStart, after HostStop, in a forked death-test child) the
 // caller formats the line itself.
 //
@@ -15,11 +15,15 @@
 // virtual clock the window only moves when time is advanced, so a test sees
 // the same lines on every run.
 #include <pthread.h>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -58,7 +62,7 @@ enum : uint32_t { kSlotFree = 0, kSlotLive = 1, kSlotGone = 2 };
 struct Component {
    std::atomic<uint32_t> state{kSlotFree};
    std::atomic<int32_t> level{0};
-   std::atomic<uint64_t> received{0};  // calls handed to the component, filtered or not
+   std::atomic<uint64_t> receivedBase{0};  // the calls' sum when registered (see gReceived)
    uint32_t throttle = 0;
    hyk_ModuleID owner = HYK_INVALID_MODULE_ID;
    char name[HYK_NAME_LEN] = {};
@@ -80,6 +84,30 @@ Registry &Reg() {
    return *reg;
 }
 
+// hyk_LogLevel calls per component, filtered or not, one row per counting
+// slot (core::CountingSlot): a call adds to its thread's own row without a
+// locked instruction.  Zero-initialised static storage, so only the rows
+// and pages that threads touch are ever in memory.
+std::atomic<uint64_t> gReceived[core::kCountSlots + 1][kMaxComponents];
+
+void CountReceived(size_t index) {
+   const size_t slot = core::CountingSlot();
+   std::atomic<uint64_t> &n = gReceived[slot][index];
+   if (slot < core::kCountSlots) {
+      n.store(n.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+   } else {
+      n.fetch_add(1, std::memory_order_relaxed);
+   }
+}
+
+uint64_t ReceivedSum(size_t index) {
+   uint64_t sum = 0;
+   for (const auto &row : gReceived) {
+      sum += row[index].load(std::memory_order_relaxed);
+   }
+   return sum;
+}
+
 // A queued line is this header, the component name and the captured
 // arguments (or, when fmt is null, the finished text), packed back to back
 // into a block of Records: queueing a line allocates nothing while the
@@ -93,6 +121,22 @@ struct RecordHeader {
    uint8_t warning;
    uint8_t ticks;
 };
+
+// Writes a header into a record field by field.  A header built beside the
+// record and copied in as a whole was read back in 16-byte pieces right
+// after its fields were stored one by one, and every such read waited for
+// those stores to reach the cache.
+void PutHeader(char *at, uint64_t stamp, const char *fmt, int32_t level, uint32_t dataLen, uint8_t compLen,
+               bool warning, bool ticks) {
+   auto put = [at](size_t offset, auto v) { memcpy(at + offset, &v, sizeof v); };
+   put(offsetof(RecordHeader, stamp), stamp);
+   put(offsetof(RecordHeader, fmt), fmt);
+   put(offsetof(RecordHeader, level), level);
+   put(offsetof(RecordHeader, dataLen), dataLen);
+   put(offsetof(RecordHeader, compLen), compLen);
+   put(offsetof(RecordHeader, warning), static_cast<uint8_t>(warning));
+   put(offsetof(RecordHeader, ticks), static_cast<uint8_t>(ticks));
+}
 
 // When a line was logged.  On the real clock a queued line takes the time
 // stamp counter as it stands, without the ordering the host clock's read
@@ -164,12 +208,39 @@ struct Line {
    uint64_t timeUS;
 };
 
+// Copies n bytes to memory the cache does not hold and need not hold: whole
+// lines are written with streaming stores, which skip reading the lines in
+// first.  The logger reads the blocks only after the burst.
+void StreamCopy(char *to, const char *from, size_t n) {
+#if defined(__x86_64__)
+   const size_t head = std::min(n, (16 - reinterpret_cast<uintptr_t>(to) % 16) % 16);
+   memcpy(to, from, head);
+   size_t i = head;
+   for (; i + 16 <= n; i += 16) {
+      _mm_stream_si128(reinterpret_cast<__m128i *>(to + i),
+                       _mm_loadu_si128(reinterpret_cast<const __m128i *>(from + i)));
+   }
+   memcpy(to + i, from + i, n - i);
+   _mm_sfence();  // the streamed stores are ordered before the queue's unlock
+#else
+   memcpy(to, from, n);
+#endif
+}
+
 // Packed records in blocks: a burst of lines appends without ever moving
 // what is queued (one growing buffer copied itself at every doubling and
 // touched twice the memory).  A record never spans two blocks.
+//
+// A record is first written into a small staging area, which stays in the
+// cache, and the staged records go into the blocks a stage at a time.
+// Written straight into a block, every record began on lines the cache did
+// not hold, and its caller waited for them; copied in bulk, a stage's lines
+// stream out at the memory's pace.
 class Records {
   public:
+   using Spare = std::vector<std::unique_ptr<char[]>>;
    static constexpr size_t kBlockBytes = size_t(1) << 20;
+   static constexpr size_t kStageBytes = size_t(64) << 10;
    // Formatted blocks kept for reuse, at least; the host's log buffer
    // (HostOptions::logBufferBytes) may keep more.
    static constexpr size_t kSpareBlocks = 8;
@@ -177,55 +248,79 @@ class Records {
    bool empty() const { return bytes_ == 0; }
    size_t bytes() const { return bytes_; }
 
-   // Room for one record of n bytes at the end, taken from `spare` if it
-   // has a block.
-   char *Append(size_t n, std::vector<std::unique_ptr<char[]>> &spare) {
-      if (blocks_.empty() || blocks_.back().size - blocks_.back().used < n) {
-         Block b;
-         b.size = std::max(kBlockBytes, n);
-         if (b.size == kBlockBytes && !spare.empty()) {
-            b.data = std::move(spare.back());
-            spare.pop_back();
-         } else {
-            b.data = std::make_unique<char[]>(b.size);
-         }
-         blocks_.push_back(std::move(b));
+   // A record is written in place: Open gives the free space at the end,
+   // at least `min` (up to kStageBytes) bytes of it; Move carries a record
+   // that outgrew its space, `used` bytes of it written, to where `more`
+   // bytes fit beyond them; Close counts the record's n bytes in.  Until
+   // then the logger does not see it.  Blocks come from `spare` when it has
+   // one.
+   char *Open(size_t min, char **end, Spare &spare) {
+      if (stage_ == nullptr) {
+         stage_ = std::make_unique<char[]>(kStageBytes);
       }
-      Block &b = blocks_.back();
-      char *at = b.data.get() + b.used;
-      b.used += n;
+      if (kStageBytes - staged_ < min) {
+         Spill(spare);
+      }
+      *end = stage_.get() + kStageBytes;
+      return stage_.get() + staged_;
+   }
+
+   char *Move(const char *record, size_t used, size_t more, char **end, Spare &spare) {
+      char *to;
+      if (used + more <= kStageBytes) {
+         Spill(spare);  // the record's bytes lie past the staged ones: not spilled
+         to = stage_.get();
+         *end = to + kStageBytes;
+         inBlock_ = false;
+      } else {
+         // Longer than a stage: in a block of its own, after what is staged.
+         Spill(spare);
+         AddBlock(used + more, spare);
+         Block &b = blocks_.back();
+         to = b.data.get();
+         *end = to + b.size;
+         inBlock_ = true;
+      }
+      memmove(to, record, used);
+      return to;
+   }
+
+   void Close(size_t n) {
+      if (inBlock_) {
+         blocks_.back().used += n;
+         inBlock_ = false;
+      } else {
+         staged_ += n;
+      }
       bytes_ += n;
-      return at;
    }
 
    // fn(header, record) for every record in order; fn may rewrite the header.
    template <class F>
    void ForEach(F fn) {
       for (Block &b : blocks_) {
-         for (size_t off = 0; off + sizeof(RecordHeader) <= b.used;) {
-            RecordHeader h;
-            memcpy(&h, b.data.get() + off, sizeof h);
-            fn(h, b.data.get() + off);
-            memcpy(b.data.get() + off, &h, sizeof h);
-            off += sizeof h + h.compLen + h.dataLen;
-         }
+         ForEachIn(b.data.get(), b.used, fn);
       }
+      ForEachIn(stage_.get(), staged_, fn);
    }
 
    // Empties this, handing blocks of the standard size to `spare` until it
    // holds `keep`.
-   void Clear(std::vector<std::unique_ptr<char[]>> &spare, size_t keep) {
+   void Clear(Spare &spare, size_t keep) {
       for (Block &b : blocks_) {
          if (b.size == kBlockBytes && spare.size() < keep) {
             spare.push_back(std::move(b.data));
          }
       }
       blocks_.clear();
+      staged_ = 0;
       bytes_ = 0;
    }
 
    void Swap(Records &other) {
       blocks_.swap(other.blocks_);
+      stage_.swap(other.stage_);
+      std::swap(staged_, other.staged_);
       std::swap(bytes_, other.bytes_);
    }
 
@@ -234,7 +329,48 @@ class Records {
       std::unique_ptr<char[]> data;
       size_t size = 0, used = 0;
    };
+
+   template <class F>
+   static void ForEachIn(char *data, size_t used, F &fn) {
+      for (size_t off = 0; off + sizeof(RecordHeader) <= used;) {
+         RecordHeader h;
+         memcpy(&h, data + off, sizeof h);
+         fn(h, data + off);
+         memcpy(data + off, &h, sizeof h);
+         off += sizeof h + h.compLen + h.dataLen;
+      }
+   }
+
+   void AddBlock(size_t min, Spare &spare) {
+      Block b;
+      b.size = std::max(kBlockBytes, min);
+      if (b.size == kBlockBytes && !spare.empty()) {
+         b.data = std::move(spare.back());
+         spare.pop_back();
+      } else {
+         b.data = std::make_unique<char[]>(b.size);
+      }
+      blocks_.push_back(std::move(b));
+   }
+
+   // Moves the staged records to the end of the blocks.
+   void Spill(Spare &spare) {
+      if (staged_ == 0) {
+         return;
+      }
+      if (blocks_.empty() || blocks_.back().size - blocks_.back().used < staged_) {
+         AddBlock(staged_, spare);
+      }
+      Block &b = blocks_.back();
+      StreamCopy(b.data.get() + b.used, stage_.get(), staged_);
+      b.used += staged_;
+      staged_ = 0;
+   }
+
    std::vector<Block> blocks_;
+   std::unique_ptr<char[]> stage_;
+   size_t staged_ = 0;
+   bool inBlock_ = false;  // the open record lies in the last block, not the stage
    size_t bytes_ = 0;
 };
 
@@ -420,36 +556,97 @@ void LoggerMain() {
    }
 }
 
-void Enqueue(std::string_view component, int32_t level, bool warning, const char *fmt,
-             std::string_view data) {
-   const Stamp stamp = StampNow();
-   Line line{component, level, warning, fmt, data, 0};
+// A record being written into the queue: its header and component name
+// come first, and the line's data after them.
+struct OpenRecord {
+   Queue *q;
+   size_t prefix;  // header and component name
+};
+
+// CaptureTarget::grow for a record in the queue: carried whole to a new block.
+void GrowRecord(logfmt::CaptureTarget *t, size_t used, size_t more) {
+   auto *rec = static_cast<OpenRecord *>(t->owner);
+   char *start = rec->q->pending.Move(t->start - rec->prefix, rec->prefix + used, more, &t->end, rec->q->spare);
+   t->start = start + rec->prefix;
+}
+
+// Space a record is opened with; a longer one moves to a new block.
+constexpr size_t kRecordRoom = 512;
+
+// Appends a line to the queue, its data written in place by
+// write(CaptureTarget *) (which returns their size): the line's arguments
+// are captured straight into the record, with no copy on the way.  Returns
+// the data's size, or -1 with nothing queued when no logger runs.
+template <class Write>
+int64_t Enqueue(const Stamp &stamp, std::string_view component, int32_t level, bool warning, const char *fmt,
+                Write write) {
    Queue &q = TheQueue();
-   {
-      std::lock_guard<QueueLock> lk(q.mu);
-      if (LoggerUsable(q)) {
-         RecordHeader h{stamp.value, fmt, level, static_cast<uint32_t>(data.size()),
-                        static_cast<uint8_t>(line.component.size()), warning, stamp.ticks};
-         const size_t n = sizeof h + line.component.size() + data.size();
-         char *at = q.pending.Append(n, q.spare);
-         memcpy(at, &h, sizeof h);
-         memcpy(at + sizeof h, line.component.data(), line.component.size());
-         memcpy(at + sizeof h + line.component.size(), data.data(), data.size());
-         q.enqueued++;
-         const bool backlogCrossed = q.pending.bytes() >= kBacklogBytes && q.pending.bytes() - n < kBacklogBytes;
-         if (q.loggerWaiting || backlogCrossed) {
-            q.loggerWaiting = false;
-            q.cv.notify_one();
-         }
-         return;
-      }
+   std::lock_guard<QueueLock> lk(q.mu);
+   if (!LoggerUsable(q)) {
+      return -1;
    }
-   line.timeUS = stamp.ticks ? core::ClockNowUS() : stamp.value;  // formatted now
+   OpenRecord rec{&q, sizeof(RecordHeader) + component.size()};
+   logfmt::CaptureTarget t;
+   char *at = q.pending.Open(rec.prefix + kRecordRoom, &t.end, q.spare);
+   t.start = at + rec.prefix;
+   t.grow = GrowRecord;
+   t.owner = &rec;
+   const size_t n = write(&t);
+   at = t.start - rec.prefix;
+   PutHeader(at, stamp.value, fmt, level, static_cast<uint32_t>(n), static_cast<uint8_t>(component.size()), warning,
+             stamp.ticks);
+   memcpy(at + sizeof(RecordHeader), component.data(), component.size());
+   q.pending.Close(rec.prefix + n);
+   q.enqueued++;
+   const bool backlogCrossed = q.pending.bytes() >= kBacklogBytes && q.pending.bytes() - rec.prefix - n < kBacklogBytes;
+   if (q.loggerWaiting || backlogCrossed) {
+      q.loggerWaiting = false;
+      q.cv.notify_one();
+   }
+   return static_cast<int64_t>(n);
+}
+
+// A line formatted on the caller's thread (no logger runs).
+void FormatNow(const Stamp &stamp, std::string_view component, int32_t level, bool warning, const char *fmt,
+               std::string_view data) {
+   const uint64_t timeUS = stamp.ticks ? core::ClockNowUS() : stamp.value;
    Sink &s = TheSink();
    std::lock_guard<std::mutex> lk(s.mu);
-   AppendLine(s, line);
+   AppendLine(s, Line{component, level, warning, fmt, data, timeUS});
    if (s.file != nullptr) {
       fflush(s.file);
+   }
+}
+
+// The caller's scratch space for captured arguments when it formats its
+// own line: reused, so a line costs no allocation on the caller's side.
+thread_local logfmt::CaptureBuffer tArgs;
+
+// A printf-style line; returns the size of its captured arguments.
+size_t LogFormatted(std::string_view component, int32_t level, bool warning, const char *fmt, va_list ap) {
+   const Stamp stamp = StampNow();
+   const int64_t queued = Enqueue(stamp, component, level, warning, fmt,
+                                  [&](logfmt::CaptureTarget *t) { return logfmt::CaptureInto(fmt, ap, t); });
+   if (queued >= 0) {
+      return static_cast<size_t>(queued);
+   }
+   const std::string_view args = logfmt::Capture(fmt, ap, &tArgs);
+   FormatNow(stamp, component, level, warning, fmt, args);
+   return args.size();
+}
+
+// A finished line of text.
+void LogText(std::string_view component, int32_t level, bool warning, std::string_view text) {
+   const Stamp stamp = StampNow();
+   const int64_t queued = Enqueue(stamp, component, level, warning, nullptr, [&](logfmt::CaptureTarget *t) {
+      if (static_cast<size_t>(t->end - t->start) < text.size()) {
+         t->grow(t, 0, text.size());
+      }
+      memcpy(t->start, text.data(), text.size());
+      return text.size();
+   });
+   if (queued < 0) {
+      FormatNow(stamp, component, level, warning, nullptr, text);
    }
 }
 
@@ -510,15 +707,11 @@ bool ThrottlePasses(Component *c) {
    return pass;
 }
 
-// The caller's scratch space for captured arguments: reused, so a line
-// costs no allocation on the caller's side.
-thread_local logfmt::CaptureBuffer tArgs;
-
 void PlainPrint(bool warning, const char *fmt, va_list ap) {
    if (fmt == nullptr) {
       return;
    }
-   Enqueue("", -1, warning, fmt, logfmt::Capture(fmt, ap, &tArgs));
+   LogFormatted("", -1, warning, fmt, ap);
 }
 
 bool ThrottleKindKnown(uint32_t kind) {
@@ -595,7 +788,8 @@ std::vector<LogComponentView> LogComponents() {
    for (size_t i = 0; i < r.used; i++) {
       Component &c = r.slots[i];
       if (c.state.load(std::memory_order_relaxed) == kSlotLive) {
-         out.push_back({c.name, c.level.load(), c.throttle, c.owner, i + 1, c.received.load()});
+         out.push_back({c.name, c.level.load(), c.throttle, c.owner, i + 1,
+                        ReceivedSum(i) - c.receivedBase.load(std::memory_order_relaxed)});
       }
    }
    return out;
@@ -620,8 +814,7 @@ hyk_Status SetLogComponentLevel(const std::string &name, int32_t level) {
 namespace core {
 
 void LogAppendText(const char *component, int32_t level, bool warning, std::string text) {
-   Enqueue(std::string_view(component, strnlen(component, HYK_NAME_LEN - 1)), level, warning, nullptr,
-           text);
+   LogText(std::string_view(component, strnlen(component, HYK_NAME_LEN - 1)), level, warning, text);
 }
 
 void LogStart() {
@@ -779,7 +972,7 @@ extern "C" hyk_Status hyk_LogRegister(const hyk_LogProps *props, hyk_LogHandle *
    strncpy(c.name, props->name, sizeof c.name - 1);
    c.nameLen = static_cast<uint8_t>(strnlen(c.name, sizeof c.name - 1));
    c.level.store(props->defaultLevel);
-   c.received.store(0, std::memory_order_relaxed);
+   c.receivedBase.store(ReceivedSum(r.used), std::memory_order_relaxed);
    c.throttle = props->throttle;
    c.owner = hyk_ModuleCurrentID();
    c.state.store(kSlotLive, std::memory_order_release);
@@ -805,7 +998,7 @@ extern "C" int hyk_LogLevel(uint32_t urgency, hyk_LogHandle handle, int32_t leve
    if (c == nullptr) {
       return 0;
    }
-   c->received.fetch_add(1, std::memory_order_relaxed);
+   CountReceived(handle - 1);
    if (fmt == nullptr || level > c->level.load(std::memory_order_relaxed)) {
       return 0;
    }
@@ -814,10 +1007,9 @@ extern "C" int hyk_LogLevel(uint32_t urgency, hyk_LogHandle handle, int32_t leve
    }
    va_list ap;
    va_start(ap, fmt);
-   const std::string_view args = logfmt::Capture(fmt, ap, &tArgs);
+   const size_t args = LogFormatted(std::string_view(c->name, c->nameLen), level, false, fmt, ap);
    va_end(ap);
-   Enqueue(std::string_view(c->name, c->nameLen), level, false, fmt, args);
-   return static_cast<int>(sizeof(RecordHeader) + args.size());
+   return static_cast<int>(sizeof(RecordHeader) + args);
 }
 
 extern "C" int32_t hyk_LogGetCurrentLogLevel(hyk_LogHandle handle) {

@@ -380,26 +380,19 @@ namespace {
 // The capture of a parsed format, in one frame: the argument list and the
 // cursor stay in registers from one value to the next (passed by reference
 // to a helper, each value waited on the store of the one before).
-std::string_view CaptureParsed(const Conversion *conv, const Op *ops, size_t count, uint32_t fixedBytes,
-                               va_list ap, CaptureBuffer *buf) {
+size_t CaptureParsed(const Conversion *conv, const Op *ops, size_t count, uint32_t fixedBytes, va_list ap,
+                     CaptureTarget *t) {
    va_list va;
    va_copy(va, ap);
-   char *p = buf->data.get();
-   char *end = p + buf->capacity;
-   // Grows the space, when it must, so that n more bytes fit.
+   char *p = t->start;
+   char *end = t->end;
+   // Makes room, when it must, so that n more bytes fit.
    auto room = [&](size_t n) {
-      if (static_cast<size_t>(end - p) < n) {
-         const size_t used = static_cast<size_t>(p - buf->data.get());
-         size_t cap = buf->capacity;
-         while (cap - used < n) {
-            cap *= 2;
-         }
-         auto bigger = std::make_unique<char[]>(cap);
-         memcpy(bigger.get(), buf->data.get(), used);
-         buf->data = std::move(bigger);
-         buf->capacity = cap;
-         p = buf->data.get() + used;
-         end = buf->data.get() + cap;
+      if (static_cast<size_t>(end - p) < n) [[unlikely]] {
+         const size_t used = static_cast<size_t>(p - t->start);
+         t->grow(t, used, n);
+         p = t->start + used;
+         end = t->end;
       }
    };
    // Every value but a string's characters fits in what is made room for
@@ -469,18 +462,29 @@ std::string_view CaptureParsed(const Conversion *conv, const Op *ops, size_t cou
       }
    }
    va_end(va);
-   return {buf->data.get(), static_cast<size_t>(p - buf->data.get())};
+   return static_cast<size_t>(p - t->start);
+}
+
+// A capture buffer's growth: doubled until the record fits, what it holds kept.
+void GrowBuffer(CaptureTarget *t, size_t used, size_t more) {
+   auto *buf = static_cast<CaptureBuffer *>(t->owner);
+   size_t cap = buf->capacity;
+   while (cap - used < more) {
+      cap *= 2;
+   }
+   auto bigger = std::make_unique<char[]>(cap);
+   memcpy(bigger.get(), buf->data.get(), used);
+   buf->data = std::move(bigger);
+   buf->capacity = cap;
+   t->start = buf->data.get();
+   t->end = t->start + cap;
 }
 
 }  // namespace
 
-std::string_view Capture(const char *fmt, va_list ap, CaptureBuffer *buf) {
-   if (buf->capacity < kInitialCapture) {
-      buf->data = std::make_unique<char[]>(kInitialCapture);
-      buf->capacity = kInitialCapture;
-   }
+size_t CaptureInto(const char *fmt, va_list ap, CaptureTarget *t) {
    if (const Plan *plan = PlanFor(fmt)) {
-      return CaptureParsed(plan->conv, plan->op, plan->count, plan->fixedBytes, ap, buf);
+      return CaptureParsed(plan->conv, plan->op, plan->count, plan->fixedBytes, ap, t);
    }
    // Too many conversions to remember: parsed for this line alone.
    std::vector<Conversion> conv;
@@ -492,7 +496,17 @@ std::string_view Capture(const char *fmt, va_list ap, CaptureBuffer *buf) {
       fixedBytes += FixedBytes(s, ops.back());
       return true;
    });
-   return CaptureParsed(conv.data(), ops.data(), conv.size(), fixedBytes, ap, buf);
+   return CaptureParsed(conv.data(), ops.data(), conv.size(), fixedBytes, ap, t);
+}
+
+std::string_view Capture(const char *fmt, va_list ap, CaptureBuffer *buf) {
+   if (buf->capacity < kInitialCapture) {
+      buf->data = std::make_unique<char[]>(kInitialCapture);
+      buf->capacity = kInitialCapture;
+   }
+   CaptureTarget t{buf->data.get(), buf->data.get() + buf->capacity, GrowBuffer, buf};
+   const size_t n = CaptureInto(fmt, ap, &t);
+   return {buf->data.get(), n};
 }
 
 std::string Render(const char *fmt, std::string_view captured) {

@@ -16,6 +16,21 @@
 
 namespace hyksim::logfmt {
 
+// Where a capture writes: its bytes go from `start` on, up to `end`.  When
+// the next value does not fit, `grow` is asked for room for `more` bytes
+// beyond the `used` ones already written; it may move those (and whatever
+// the owner keeps just before `start`) and sets start and end anew.
+struct CaptureTarget {
+   char *start = nullptr;
+   char *end = nullptr;
+   void (*grow)(CaptureTarget *t, size_t used, size_t more) = nullptr;
+   void *owner = nullptr;  // for grow
+};
+
+// Captures the arguments `fmt` consumes from `ap` at t->start; returns how
+// many bytes it wrote there.
+size_t CaptureInto(const char *fmt, va_list ap, CaptureTarget *t);
+
 // A thread's space for captured arguments, reused from line to line so
 // that a capture costs no allocation and writes through a plain cursor.
 struct CaptureBuffer {

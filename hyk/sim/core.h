@@ -55,7 +55,15 @@ class ShortLock {
 // on with its counts after the owner exits.  Threads past kCountSlots share
 // slot kCountSlots, which takes atomic adds.
 constexpr size_t kCountSlots = 32;
-size_t CountingSlot();
+constexpr size_t kNoCountingSlot = ~size_t(0);
+// The calling thread's slot, kNoCountingSlot until its first count; read
+// inline, since every host call counts.
+extern thread_local constinit size_t tCountingSlot;
+size_t TakeCountingSlot();
+inline size_t CountingSlot() {
+   const size_t slot = tCountingSlot;
+   return slot != kNoCountingSlot ? slot : TakeCountingSlot();
+}
 
 // ---- host options (host_core.cpp) ------------------------------------------
 // The options are written only by HostStart; the hot flags are atomics so

@@ -304,15 +304,24 @@ SlotPool &Pool() {
    return *pool;
 }
 
+// Gives the thread's slot back when it exits.  A count the thread makes
+// after that (another thread-local's destructor may still call the host)
+// goes to the shared slot.
 struct SlotOwner {
    size_t index = Pool().Take();
-   ~SlotOwner() { Pool().Give(index); }
+   ~SlotOwner() {
+      tCountingSlot = kCountSlots;
+      Pool().Give(index);
+   }
 };
 
 }  // namespace
 
-size_t CountingSlot() {
+thread_local constinit size_t tCountingSlot = kNoCountingSlot;
+
+size_t TakeCountingSlot() {
    thread_local SlotOwner owner;
+   tCountingSlot = owner.index;
    return owner.index;
 }
 

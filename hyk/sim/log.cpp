@@ -295,7 +295,7 @@ class Records {
       bytes_ += n;
    }
 
-   // fn(header, record) for every record in order; fn may rewrite the header.
+   // fn(header, record) for every record in order.
    template <class F>
    void ForEach(F fn) {
       for (Block &b : blocks_) {
@@ -335,8 +335,7 @@ class Records {
       for (size_t off = 0; off + sizeof(RecordHeader) <= used;) {
          RecordHeader h;
          memcpy(&h, data + off, sizeof h);
-         fn(h, data + off);
-         memcpy(data + off, &h, sizeof h);
+         fn(static_cast<const RecordHeader &>(h), data + off);
          off += sizeof h + h.compLen + h.dataLen;
       }
    }
@@ -457,7 +456,7 @@ void AppendLine(Sink &s, const Line &in) {
 uint64_t FormatBatch(Sink &s, Records &batch, const TickAnchor &started) {
    const TickAnchor now = AnchorNow();
    uint64_t n = 0;
-   batch.ForEach([&](RecordHeader &h, const char *rec) {
+   batch.ForEach([&](const RecordHeader &h, const char *rec) {
       const char *p = rec + sizeof h;
       std::string_view comp(p, h.compLen);
       std::string_view data(p + h.compLen, h.dataLen);
@@ -876,7 +875,7 @@ void LogKeepFormats(const std::vector<std::pair<uintptr_t, uintptr_t>> &ranges) 
    {
       std::lock_guard<QueueLock> lk(q.mu);
       std::unordered_map<const char *, const char *> copies;
-      q.pending.ForEach([&](RecordHeader &h, const char *) {
+      q.pending.ForEach([&](const RecordHeader &h, char *rec) {
          if (h.fmt == nullptr || !inObject(h.fmt)) {
             return;
          }
@@ -887,7 +886,8 @@ void LogKeepFormats(const std::vector<std::pair<uintptr_t, uintptr_t>> &ranges) 
             memcpy(q.keptFormats.back().get(), h.fmt, n);
             it->second = q.keptFormats.back().get();
          }
-         h.fmt = it->second;
+         // Only such a record is written: the walk leaves the others' lines clean.
+         memcpy(rec + offsetof(RecordHeader, fmt), &it->second, sizeof it->second);
       });
    }
    // A batch taken from the queue before the walk is formatted under s.mu

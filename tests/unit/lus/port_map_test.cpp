@@ -1,5 +1,6 @@
 // Tests of the port instance maps: creation, enrolment of ports and clients,
 // removal and emptying.
+#include <algorithm>
 #include <cstring>
 #include <regex>
 
@@ -218,6 +219,47 @@ TEST_F(PortEnrolmentTest, FromBuildEnrolmentMakesOneRecordPerVnicPort) {
    snprintf(hex, sizeof hex, "0x%x", ports[1]);
    EXPECT_EQ(CountModuleLines(PlainLineRe("lusRegForAllPorts", std::string("Client Instance created for VM UUID: vm-1 vnic: 0 port: ") + hex + " Client fw"), 3), 1u);
    EXPECT_EQ(CountModuleLines(PlainLineRe("lusRegForAllPorts", "numLUSInstances 3"), 3), 1u);
+}
+
+// Version 1 enrolment on a fabric that knows external ids reads a port's
+// external id only when the port lacks the LSPG flag; below that fabric
+// version it reads neither.  The read is seen in the host-call trace.
+TEST_F(PortEnrolmentTest, VersionOneEnrolmentReadsTheExternalIdOfPortsWithoutTheLspgFlag) {
+   Load({"fromBuild=1000"});
+   Pair("alpha");
+   struct Case {
+      const char *portset;
+      uint32_t fabricVersion;
+      uint32_t flags;
+      size_t reads;
+   };
+   const Case cases[] = {{"ps-lspg", 107, HYK_FABRIC_PORT_FLAG_LSPG, 0},
+                         {"ps-plain", 107, 0, 1},
+                         {"ps-old-fabric", 106, 0, 0}};
+   for (const Case &c : cases) {
+      hyksim::PortsetSpec ps;
+      ps.name = c.portset;
+      ps.fabricVersion = c.fabricVersion;
+      ASSERT_EQ(hyksim::AddPortset(ps), HYK_OK);
+      hyksim::PortSpec port;
+      port.vmUUID = std::string("vm-") + c.portset;
+      port.flags = c.flags;
+      port.properties["com.corvid.port.extraConfig.vnic.external.id"] = "ext-17";
+      hyk_PortID id = 0;
+      ASSERT_EQ(hyksim::AddPort(c.portset, port, &id), HYK_OK);
+   }
+   RegisterV1();
+   for (const Case &c : cases) {
+      hyksim::TraceClear();
+      hyksim::TraceEnable(true);
+      EXPECT_EQ(RegAllPS(c.portset), HYK_OK) << c.portset;
+      hyksim::TraceEnable(false);
+      const std::vector<std::string> trace = hyksim::Trace();
+      EXPECT_EQ(std::count(trace.begin(), trace.end(), "hyk_FabricPortFlagIsSet"), c.fabricVersion > 106 ? 1 : 0)
+          << c.portset;
+      EXPECT_EQ(static_cast<size_t>(std::count(trace.begin(), trace.end(), "hyk_FabricPortDataGet")), c.reads)
+          << c.portset;
+   }
 }
 
 TEST_F(PortEnrolmentTest, FromBuildOnlyClientAndClientWithoutCallbacksAreSkipped) {

@@ -224,6 +224,9 @@ TEST_F(SaveDriverTest, TimerThatCannotBeArmedClearsTheClients) {
              1u);
    EXPECT_EQ(Var<uint64_t>("already_called"), 1u);
    EXPECT_EQ(ClientStateBytes(), 0u);
+   // The clear is the classic one: the portset-phase map is emptied as
+   // version 0's, with its line, and the port-phase map is not its business.
+   EXPECT_EQ(CountModuleLines(PlainLineRe("LUS_HashEmpty", "LUS hash table free'd"), 3), 1u);
 }
 
 TEST_F(SaveDriverTest, FailedUnregistrationEmptiesTheMapAndLeavesTheTimerArmed) {

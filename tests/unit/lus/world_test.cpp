@@ -92,6 +92,9 @@ TEST_F(UpgradeWorldTest, HotSwapUpgradeReportsSuccessAndKeepsTheClientsRegistere
    EXPECT_EQ(InfoLines("LUSUpgradeWorld", "Starting upgrade for portset ps0"), 1u);
    EXPECT_EQ(InfoLines("LUSUpgradeWorld", "Hotswap completed."), 1u);
    EXPECT_EQ(InfoLines("LUSUpgradeWorld", "Portset ps0 upgrade completed"), 1u);
+   // The enrolment goes as a version 1 map's: emptied, without the version 0 line.
+   EXPECT_EQ(InfoLines("LUS_HashEmpty", "All entries in LUS hash table deleted."), 1u);
+   EXPECT_EQ(InfoLines("LUS_HashEmpty", "LUS hash table free'd"), 0u);
    // The world ran on a host world of its own.
    EXPECT_EQ(hyksim::CallCount("hyk_WorldCreate"), 1u);
 }

@@ -376,8 +376,9 @@ class Records {
 // The queue's lock is a ShortLock: the locked instruction of a mutex's
 // unlock made every caller wait, right after writing its record into memory
 // the cache did not hold, until those stores had reached the cache; now they
-// drain while the caller goes on.  It guards a record's copy and the
-// logger's swap of the batch.
+// drain while the caller goes on.  It guards a record's capture and the
+// logger's swap of the batch; the capture of a long string holds it longer,
+// and a waiter that spins long yields.
 using QueueLock = core::ShortLock;
 
 struct Queue {
@@ -562,14 +563,15 @@ struct OpenRecord {
    size_t prefix;  // header and component name
 };
 
-// CaptureTarget::grow for a record in the queue: carried whole to a new block.
+// CaptureTarget::grow for a record in the queue: carried whole to where it
+// fits (Records::Move).
 void GrowRecord(logfmt::CaptureTarget *t, size_t used, size_t more) {
    auto *rec = static_cast<OpenRecord *>(t->owner);
    char *start = rec->q->pending.Move(t->start - rec->prefix, rec->prefix + used, more, &t->end, rec->q->spare);
    t->start = start + rec->prefix;
 }
 
-// Space a record is opened with; a longer one moves to a new block.
+// Space a record is opened with past its header; a longer one moves.
 constexpr size_t kRecordRoom = 512;
 
 // Appends a line to the queue, its data written in place by

@@ -1,6 +1,10 @@
 // Each command of the control device through a user process's ioctl: its
 // returned status and the log lines of its handler, on success and on the
 // failures the handler itself reports.
+#include <atomic>
+#include <chrono>
+#include <thread>
+
 #include "device_fixture.h"
 
 namespace lustest {
@@ -24,6 +28,34 @@ TEST_F(DeviceCommandTest, RegisterFromBuildEnrolsTheListedPortsetsPorts) {
    EXPECT_STREQ(Var<char[128][128]>("lusPortset")[0], "ps");
    EXPECT_EQ(Var<uint32_t>("numLUSInstances"), 2u);
    EXPECT_EQ(LinesWith("Registration FAIL"), 0u);
+}
+
+// A clear from outside (the timer's, or the last restore event's) owns the
+// registry while it runs: a command that comes meanwhile waits for it to let
+// go, then runs, and lets go in turn.
+TEST_F(DeviceCommandTest, ACommandWaitsWhileAClearFromOutsideHoldsTheRegistry) {
+   Load({"fromBuild=1000"});
+   AddClient("sw-new", kToBuild);
+   Tool();
+   uint32_t &registry = Var<uint32_t>("lusRegistryState");
+   constexpr uint32_t kHeldByClear = 0x2;
+   __atomic_store_n(&registry, kHeldByClear, __ATOMIC_RELEASE);
+   std::atomic<bool> done{false};
+   hyk_Status result = HYK_FAILURE;
+   std::thread command([&] {
+      result = Tool().Register(LUS_REG_TO, {});
+      done.store(true);
+   });
+   // However long this pause, the command must not have run: it only
+   // orders the test's look before the release.
+   std::this_thread::sleep_for(std::chrono::milliseconds(100));
+   EXPECT_FALSE(done.load()) << "the command ran while a clear held the registry";
+   EXPECT_EQ(Var<int32_t>("numToClients"), 0);
+   __atomic_store_n(&registry, 0u, __ATOMIC_RELEASE);
+   command.join();
+   EXPECT_EQ(result, HYK_OK);
+   EXPECT_EQ(Var<int32_t>("numToClients"), 1);
+   EXPECT_EQ(__atomic_load_n(&registry, __ATOMIC_ACQUIRE), 0u);
 }
 
 TEST_F(DeviceCommandTest, RegisterFailureIsLoggedAndItsStatusReturned) {

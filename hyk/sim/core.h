@@ -65,6 +65,17 @@ inline size_t CountingSlot() {
    return slot != kNoCountingSlot ? slot : TakeCountingSlot();
 }
 
+// Adds one to `n`, the calling thread's word of a counter (the word of
+// CountingSlot()): its owner's plain load and store, or an atomic add on the
+// shared slot.
+inline void CountInMySlot(std::atomic<uint64_t> &n, size_t slot) {
+   if (slot < kCountSlots) {
+      n.store(n.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+   } else {
+      n.fetch_add(1, std::memory_order_relaxed);
+   }
+}
+
 // ---- host options (host_core.cpp) ------------------------------------------
 // The options are written only by HostStart; the hot flags are atomics so
 // that threads of a previous host never race with a restart.

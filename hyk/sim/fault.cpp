@@ -46,12 +46,7 @@ class CallCount {
   public:
    void Add() {
       const size_t i = core::CountingSlot();
-      if (i < core::kCountSlots) {
-         std::atomic<uint64_t> &n = slots_[i].n;
-         n.store(n.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-      } else {
-         slots_[core::kCountSlots].n.fetch_add(1, std::memory_order_relaxed);
-      }
+      core::CountInMySlot(slots_[i].n, i);
    }
    uint64_t Load() const { return Sum() - base_.load(std::memory_order_relaxed); }
    void Zero() { base_.store(Sum(), std::memory_order_relaxed); }

@@ -92,12 +92,7 @@ std::atomic<uint64_t> gReceived[core::kCountSlots + 1][kMaxComponents];
 
 void CountReceived(size_t index) {
    const size_t slot = core::CountingSlot();
-   std::atomic<uint64_t> &n = gReceived[slot][index];
-   if (slot < core::kCountSlots) {
-      n.store(n.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-   } else {
-      n.fetch_add(1, std::memory_order_relaxed);
-   }
+   core::CountInMySlot(gReceived[slot][index], slot);
 }
 
 uint64_t ReceivedSum(size_t index) {
@@ -266,15 +261,14 @@ class Records {
    }
 
    char *Move(const char *record, size_t used, size_t more, char **end, Spare &spare) {
+      Spill(spare);  // the record's bytes lie past the staged ones: not spilled
       char *to;
       if (used + more <= kStageBytes) {
-         Spill(spare);  // the record's bytes lie past the staged ones: not spilled
          to = stage_.get();
          *end = to + kStageBytes;
          inBlock_ = false;
       } else {
-         // Longer than a stage: in a block of its own, after what is staged.
-         Spill(spare);
+         // Longer than a stage: in a block of its own, after what was staged.
          AddBlock(used + more, spare);
          Block &b = blocks_.back();
          to = b.data.get();

@@ -174,6 +174,10 @@ hyk_Status EnablePort(hyk_PortID portID) {
    return fabric::RaisePortEvent(portID, HYK_PORT_EVENT_STATE_ENABLE);
 }
 
+hyk_Status UnblockPort(hyk_PortID portID, uint32_t reason) {
+   return fabric::ChangeReasons(portID, 0, reason);
+}
+
 hyk_Status DisablePort(hyk_PortID portID) {
    return fabric::WithPort(portID, [](fabric::Port &p) -> hyk_Status {
       p.desc.enabled = false;

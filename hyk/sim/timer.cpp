@@ -253,6 +253,16 @@ size_t PendingTimerCount() {
 }
 
 }  // namespace core
+
+std::vector<PendingTimerView> PendingTimers() {
+   std::vector<PendingTimerView> out;
+   for (auto &q : All()) {
+      std::lock_guard<std::mutex> lk(q->mu);
+      for (const auto &[key, t] : q->pending) out.push_back({q->name, q->owner, key.first});
+   }
+   return out;
+}
+
 }  // namespace hyksim
 
 using namespace hyksim;

@@ -1,6 +1,7 @@
 // cli.cpp -- the command line of lusctl: one subcommand per device command,
-// the two upgrade flows, and their outputs.  Exit codes: 0 success, 1 a
-// command or a step failed, 2 bad usage.
+// the two upgrade flows, `status` and `recover`, and their outputs.  Exit
+// codes: 0 success, 1 a command or a step failed, 2 bad usage, 3 an upgrade
+// finished with violations.
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
@@ -35,6 +36,36 @@ struct CommandArgs {
    std::string payloadHex;
    int64_t length = -1;
 };
+
+const char *kExitCodes = R"(Exit codes:
+  0  success: for an upgrade, every step succeeded, every port passes traffic, no byte was
+     mismatched, refused, dropped or lost and no port exceeded the budget
+  1  a command or a step failed, or the upgrade was refused before its first step
+  2  bad usage
+  3  the upgrade finished with violations (each named on a line; --allow KIND accepts one)
+Point of no return: the classic flow's step 'unload old build', the per-portset flow's first
+'ps-upgrade'.  A flow that fails before it undoes what it did; after it, `lusctl recover`
+carries the upgrade to its end.)";
+
+// Portset names as the device takes them: each once, never empty, never cut.
+bool CheckPortsets(const std::vector<std::string> &names, std::ostream &err) {
+   for (size_t i = 0; i < names.size(); i++) {
+      if (names[i].empty()) {
+         err << "lusctl: --portset: an empty portset name\n";
+         return false;
+      }
+      if (names[i].size() >= LUS_PORTSET_NAME_LEN) {
+         err << fmt::format("lusctl: --portset {}...: a portset name is at most {} bytes (this one has {})\n",
+                            names[i].substr(0, 16), LUS_PORTSET_NAME_LEN - 1, names[i].size());
+         return false;
+      }
+      if (std::find(names.begin(), names.begin() + static_cast<long>(i), names[i]) != names.begin() + static_cast<long>(i)) {
+         err << fmt::format("lusctl: --portset {}: named twice\n", names[i]);
+         return false;
+      }
+   }
+   return true;
+}
 
 bool WriteFile(const std::string &path, const std::string &text, std::ostream &err) {
    std::ofstream f(path);
@@ -77,7 +108,7 @@ class Cli {
    int Run(const std::vector<std::string> &args, const std::string &footer) {
       CLI::App app{"lusctl -- drive a live upgrade of the host's datapath through the device \"lus\""};
       app.name("lusctl");
-      app.footer(footer);
+      app.footer(footer.empty() ? std::string(kExitCodes) : footer + "\n" + kExitCodes);
       app.require_subcommand(1);
       app.fallthrough();
       app.add_flag("--json", g_.json, "print a machine-readable result (JSON) instead of text");
@@ -85,6 +116,7 @@ class Cli {
 
       AddCommands(app);
       AddFlows(app);
+      AddRecovery(app);
 
       // A word that is no command gets a message of its own (the parser would
       // only say that a command is missing).
@@ -172,8 +204,21 @@ class Cli {
 
       app.add_subcommand("collection-complete", "command 11: tell the old clients collection is complete")
          ->callback([this] { Issue(LUS_IOCTL_STATE_COLLECTED, {}); });
-      app.add_subcommand("restore-complete", "command 12: is any saved per-port state left?")
-         ->callback([this] { Issue(LUS_IOCTL_RESTORE_COMPLETE, {}); });
+      app.add_subcommand("restore-complete",
+                         "command 12: is any saved per-port state left?  Also asks the host: exit 1 when lus's "
+                         "heaps still hold client state or ports are still blocked")
+         ->callback([this] {
+            Issue(LUS_IOCTL_RESTORE_COMPLETE, {});
+            // Command 12 looks at one map only; the host sees every byte lus still holds.
+            const HostStatus s = ReadStatus(*env_.host);
+            if (s.stateBytes == 0 && s.blocked.empty()) return;
+            exit_ = 1;
+            if (!g_.json) {
+               err_ << fmt::format("lusctl: saved state is left: {} bytes in lus's heaps, {} port(s) blocked by lus "
+                                   "(see `lusctl status`)\n",
+                                   s.stateBytes, s.blocked.size());
+            }
+         });
 
       auto *fdp = app.add_subcommand("fdp", "command 13: switch a portset's fast datapath");
       fdp->add_option("--portset", a_.portsets, "the portset")->required()->expected(1);
@@ -213,6 +258,10 @@ class Cli {
    }
 
    void Issue(uint32_t cmd, const std::vector<uint8_t> &payload, uint32_t length) {
+      if (!CheckPortsets(a_.portsets, err_)) {
+         exit_ = 2;
+         return;
+      }
       auto device = env_.openDevice();
       hyk_Status status = device->Open();
       const bool opened = status == HYK_OK;
@@ -241,7 +290,11 @@ class Cli {
          s->add_option("--to-build", f_.toBuild, "the build being upgraded to")->required();
          s->add_option("--portset", f_.portsets, "a portset taking part (repeatable)")->required();
          s->add_option("--module-param", f_.moduleParams,
-                       "NAME=VALUE given to every new-build module, e.g. seed=7 (repeatable)");
+                       "NAME=VALUE given to every new-build module, e.g. seed=7; MODULE:NAME=VALUE to "
+                       "one module alone, e.g. tarnq-dfw:refusePort=6 or lus:lusLogLevel=5 (repeatable)");
+         s->add_option("--allow", allowed_, "accept a violation: " + fmt::format("{}", fmt::join(ViolationKinds(), " | ")) +
+                                               " (repeatable)")
+            ->check(CLI::IsMember(ViolationKinds()));
          s->add_option("--lus-param", f_.lusParams,
                        "NAME=VALUE given to lus when the flow loads it, e.g. lusLogLevel=1 (repeatable)");
          s->add_option("--client", f_.clients,
@@ -249,7 +302,7 @@ class Cli {
          s->add_flag("--dry-run", g_.dryRun, "print the steps and their payloads, do nothing");
          s->add_option("--report-json", g_.reportJson, "write the report as JSON to FILE");
          s->add_option("--trace", g_.trace, "write a Chrome/Perfetto trace to FILE");
-         s->add_option("--chart", g_.chart, "write an SVG chart of every port's outage to FILE");
+         s->add_option("--chart", g_.chart, "write an SVG timeline of the steps and every port's outage to FILE");
       };
       auto *classic = up->add_subcommand("classic", "interface version 0, one command at a time");
       common(classic);
@@ -273,6 +326,46 @@ class Cli {
       });
    }
 
+   // ---- status and recovery ---------------------------------------------------------------
+   void AddRecovery(CLI::App &app) {
+      auto *status = app.add_subcommand("status", "what the host holds now: ports lus blocks, state in its heaps, "
+                                                  "registered clients, loaded builds, the clear timer");
+      status->callback([this] {
+         const HostStatus s = ReadStatus(*env_.host);
+         if (g_.json) {
+            out_ << StatusJson(s);
+         } else {
+            PrintStatus(out_, s, env_.hostPath);
+         }
+         exit_ = 0;
+      });
+      auto *rec = app.add_subcommand(
+         "recover", "bring a host left by a failed or interrupted upgrade to a clean end: back to the old build "
+                    "while it still holds the state, else forward (restores again the ports whose state lus holds)");
+      rec->add_option("--from-build", r_.fromBuild, "the build the upgrade was from")->required();
+      rec->add_option("--to-build", r_.toBuild, "the build the upgrade was to")->required();
+      rec->add_option("--flow", recoverFlow_, "the flow that was interrupted: classic | portset")
+         ->check(CLI::IsMember({"classic", "portset"}))
+         ->capture_default_str();
+      rec->add_flag("--unblock-lost", r_.unblockLost,
+                    "unblock, through the host's port service, the ports still blocked afterwards, listing "
+                    "every port and byte given up, and free what lus still holds");
+      rec->add_option("--allow", allowed_, "accept a violation: " + fmt::format("{}", fmt::join(ViolationKinds(), " | ")))
+         ->check(CLI::IsMember(ViolationKinds()));
+      rec->add_option("--report-json", g_.reportJson, "write the report as JSON to FILE");
+      rec->add_option("--trace", g_.trace, "write a Chrome/Perfetto trace to FILE");
+      rec->add_option("--chart", g_.chart, "write an SVG timeline of the ports' outages to FILE");
+      rec->callback([this] {
+         r_.portsetFlow = recoverFlow_ == "portset";
+         FlowResult result = lusctl::Recover(env_, r_, &f_, [this](const StepRecord &s, int total, bool done) {
+            Progress(s, total, done);
+         });
+         Report report = ReportOf(result);
+         report.flow = "recovery";
+         Output(report);
+      });
+   }
+
    void Progress(const StepRecord &s, int total, bool done) {
       if (g_.quiet || g_.json) return;
       const std::string what = s.command.empty() ? s.name : fmt::format("{} -- {}", s.name, s.command);
@@ -285,10 +378,15 @@ class Cli {
                    : fmt::format("[{:>2}/{}] {}: {} ({:.1f} ms){}", s.index, total, what,
                                  StatusText(s.status), (s.endUS - s.startUS) / 1000.0,
                                  s.detail.empty() ? "" : " -- " + s.detail);
-      out_ << (interactive_ ? "\r\033[K" : "") << line << "\n";
+      // Flushed: a watcher (a pipe, a log) sees each step as it ends.
+      out_ << (interactive_ ? "\r\033[K" : "") << line << "\n" << std::flush;
    }
 
    void Flow() {
+      if (!CheckPortsets(f_.portsets, err_)) {
+         exit_ = 2;
+         return;
+      }
       f_.dryRun = g_.dryRun;
       FlowResult result = RunFlow(env_, f_, [this](const StepRecord &s, int total, bool done) {
          Progress(s, total, done);
@@ -302,7 +400,31 @@ class Cli {
          exit_ = 0;
          return;
       }
-      Report report = BuildReport(env_, f_, result);
+      Report report = ReportOf(result);
+      Output(report);
+   }
+
+   // The report of a flow; of what the tool knows only, when the host is gone.
+   Report ReportOf(const FlowResult &result) {
+      Report report;
+      try {
+         report = BuildReport(env_, f_, result, allowed_);
+      } catch (const HostError &e) {
+         report.flow = f_.kind == FlowOptions::kClassic ? "classic" : "portset";
+         report.fromBuild = f_.fromBuild;
+         report.toBuild = f_.toBuild;
+         report.budgetSec = f_.maxOutageSec;
+         report.portsets = f_.portsets;
+         report.result = result;
+         report.result.ok = false;
+         if (report.result.hostError.empty()) report.result.hostError = e.what();
+      }
+      report.hostPath = env_.hostPath;
+      return report;
+   }
+
+   void Output(const Report &report) {
+      const FlowResult &result = report.result;
       if (report_ != nullptr) *report_ = report;
       if (g_.json) {
          out_ << ReportJson(report);
@@ -310,14 +432,14 @@ class Cli {
          out_ << "\n";
          PrintSummary(out_, report);
          PrintTables(out_, report);
-      } else if (!result.ok) {
+      } else if (ExitCode(report) != 0) {
          PrintSummary(err_, report);
       }
       bool written = true;
       if (!g_.reportJson.empty()) written &= WriteFile(g_.reportJson, ReportJson(report), err_);
       if (!g_.trace.empty()) written &= WriteFile(g_.trace, TraceJson(report), err_);
       if (!g_.chart.empty()) written &= WriteFile(g_.chart, ChartSvg(report), err_);
-      exit_ = result.ok && written ? 0 : 1;
+      exit_ = written ? ExitCode(report) : 1;
    }
 
    Environment &env_;
@@ -328,6 +450,9 @@ class Cli {
    Globals g_;
    CommandArgs a_;
    FlowOptions f_;
+   std::vector<std::string> allowed_;
+   RecoverOptions r_;
+   std::string recoverFlow_ = "classic";
    int exit_ = 0;
 };
 

@@ -1,7 +1,9 @@
 // flows.cpp -- the two upgrade flows, each the sequence of steps an operator
 // runs (docs/ARCHITECTURE.md lists them), the host's module loads and
-// unloads among them.  A flow stops at
-// its first failing step.
+// unloads among them.  Before its first step a flow checks what it will
+// need and refuses to start without it.  A flow stops at its first failing
+// step; before its point of no return it then undoes what it did, so that
+// the host is as the flow found it.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -41,6 +43,61 @@ std::string Versioned(const std::string &name, uint32_t build) {
    return fmt::format("{}-{}", name, build);
 }
 
+bool IsLusBlocked(const hyksim::PortView &p) { return (p.blockReasons & HYK_PORT_BLOCK_CUSTOM) != 0; }
+
+// What a flow needs before it blocks a port.  Each failed check is one line.
+std::vector<std::string> PreChecks(Host &host, const FlowOptions &opts, const std::vector<std::string> &old) {
+   std::vector<std::string> why;
+   const auto modules = host.Modules();
+   auto loaded = [&](const std::string &name) {
+      return std::any_of(modules.begin(), modules.end(), [&](const ModuleInfo &m) { return m.name == name; });
+   };
+   if (old.empty()) {
+      why.push_back(fmt::format("no module of build {} is loaded: is {} the build the host runs?",
+                                opts.fromBuild, opts.fromBuild));
+   }
+   for (const auto &m : old) {
+      if (!loaded(Versioned(m, opts.fromBuild))) why.push_back(fmt::format("{} is not loaded", Versioned(m, opts.fromBuild)));
+   }
+   if (loaded("lus")) {
+      why.push_back("lus is loaded already: an upgrade may be in progress (see `lusctl status`; "
+                    "`lusctl recover` ends it)");
+   }
+   std::vector<std::string> blocked;
+   for (const auto &p : host.Ports()) {
+      if (IsLusBlocked(p)) blocked.push_back(fmt::format("{}", p.id));
+   }
+   if (!blocked.empty()) {
+      why.push_back(fmt::format("{} port(s) are blocked by an earlier upgrade ({}{}): see `lusctl status`",
+                                blocked.size(), fmt::join(blocked.begin(), blocked.begin() + std::min<size_t>(blocked.size(), 8), ", "),
+                                blocked.size() > 8 ? ", ..." : ""));
+   }
+   const auto portsets = host.Portsets();
+   for (const auto &name : opts.portsets) {
+      if (std::none_of(portsets.begin(), portsets.end(), [&](const auto &p) { return p.name == name; })) {
+         why.push_back(fmt::format("portset '{}' does not exist", name));
+      }
+   }
+   // The old build goes away with the upgrade: a portset it carries that is
+   // not upgraded along would lose its ports' state.
+   std::vector<std::string> outside;
+   for (const auto &ps : portsets) {
+      if (std::find(opts.portsets.begin(), opts.portsets.end(), ps.name) != opts.portsets.end()) continue;
+      for (const auto &m : modules) {
+         if (m.id != ps.classModule) continue;
+         for (const auto &o : old) {
+            if (m.name == Versioned(o, opts.fromBuild)) outside.push_back(ps.name);
+         }
+      }
+   }
+   if (!outside.empty()) {
+      why.push_back(fmt::format("build {} also carries portset(s) {}, which are not in the upgrade: their "
+                                "state would be lost; add them with --portset",
+                                opts.fromBuild, fmt::join(outside, ", ")));
+   }
+   return why;
+}
+
 // Ports of the listed portsets that lus carries state for (vNIC and container ports).
 std::vector<hyksim::PortView> UpgradedPorts(Host &host, const std::vector<std::string> &portsets) {
    std::vector<hyksim::PortView> out;
@@ -52,6 +109,26 @@ std::vector<hyksim::PortView> UpgradedPorts(Host &host, const std::vector<std::s
    }
    return out;
 }
+
+}  // namespace
+
+std::vector<std::string> ParamsFor(const std::vector<std::string> &params, const std::string &module,
+                                   uint32_t build) {
+   std::vector<std::string> out;
+   for (const auto &p : params) {
+      const auto eq = p.find('=');
+      const auto colon = p.find(':');
+      if (colon == std::string::npos || (eq != std::string::npos && colon > eq)) {
+         if (module != "lus") out.push_back(p);   // bare: every module of the new build
+         continue;
+      }
+      const std::string scope = p.substr(0, colon);
+      if (scope == module || scope == Versioned(module, build)) out.push_back(p.substr(colon + 1));
+   }
+   return out;
+}
+
+namespace {
 
 class FlowBuilder {
   public:
@@ -85,8 +162,15 @@ class FlowBuilder {
       steps.push_back(Command("register", LUS_IOCTL_REG_TO_EXT, PortsetQuery({}, false, 0)));
       steps.push_back(Command("global-config", LUS_IOCTL_GLOBAL_CONFIG, {}));
       for (const auto &name : opts_.portsets) {
-         steps.push_back(Command("ps-upgrade " + name, LUS_IOCTL_PS_UPGRADE,
-                                 PsUpgradeQuery(name, ModuleList()), /*lazy=*/true, name));
+         Step s = Command("ps-upgrade " + name, LUS_IOCTL_PS_UPGRADE, PsUpgradeQuery(name, ModuleList()),
+                          /*lazy=*/true, name);
+         auto issue = s.run;
+         // The upgrade world moves the portset's state to the new build as it goes.
+         s.run = [this, issue](std::string *d) {
+            pastPointOfNoReturn_ = true;
+            return issue(d);
+         };
+         steps.push_back(std::move(s));
       }
       for (uint32_t port : opts_.containerPorts) {
          steps.push_back(Command(fmt::format("upgrade-port {}", port), LUS_IOCTL_UPGRADE_PORT,
@@ -139,7 +223,9 @@ class FlowBuilder {
          *d = fmt::format("lus of build {} with fromBuild={}", opts_.toBuild, opts_.fromBuild);
          std::vector<std::string> params = {fmt::format("fromBuild={}", opts_.fromBuild)};
          params.insert(params.end(), opts_.lusParams.begin(), opts_.lusParams.end());
+         for (const auto &p : ParamsFor(opts_.moduleParams, "lus", opts_.toBuild)) params.push_back(p);
          hyk_Status s = host_.LoadModule(fmt::format("lus-{}", opts_.toBuild), params, &error);
+         loadedLus_ = s == HYK_OK;
          if (s != HYK_OK && !error.empty()) *d += ": " + error;
          return s;
       });
@@ -158,12 +244,15 @@ class FlowBuilder {
                continue;
             }
             // The new build takes the parameters the old one runs with (its seed among them).
-            hyk_Status s = host_.LoadModule(Versioned(m, opts_.toBuild), opts_.moduleParams, &error);
+            hyk_Status s = host_.LoadModule(Versioned(m, opts_.toBuild),
+                                            ParamsFor(opts_.moduleParams, m, opts_.toBuild), &error);
             if (s != HYK_OK) {
-               *d = fmt::format("{}: {}", Versioned(m, opts_.toBuild), error);
+               *d = fmt::format("{} refused to load: {}", Versioned(m, opts_.toBuild),
+                                error.empty() ? StatusText(s) : error);
                return s;
             }
             loaded.push_back(Versioned(m, opts_.toBuild));
+            loadedNew_.push_back(Versioned(m, opts_.toBuild));
          }
          *d = fmt::format("dual load: {}", fmt::join(loaded, ", "));
          if (!already.empty()) *d += fmt::format("; already loaded: {}", fmt::join(already, ", "));
@@ -179,6 +268,8 @@ class FlowBuilder {
                *d = fmt::format("{} stays loaded", Versioned(m, opts_.fromBuild));
                return s;
             }
+            // The old build's own copy of the state is gone with it.
+            pastPointOfNoReturn_ = true;
          }
          *d = fmt::format("{} modules of build {}", old_.size(), opts_.fromBuild);
          return static_cast<hyk_Status>(HYK_OK);
@@ -253,6 +344,37 @@ class FlowBuilder {
       return s;
    }
 
+  public:
+   bool PastPointOfNoReturn() const { return pastPointOfNoReturn_; }
+
+   // Undoes a flow that stopped before its point of no return: the old build
+   // still holds every port's state, so the ports go back to it as they were.
+   std::vector<std::string> Undo() {
+      std::vector<std::string> done;
+      if (device_) {
+         device_->Close();
+         device_.reset();
+         done.push_back("closed the device");
+      }
+      std::vector<std::string> unblocked;
+      for (const auto &p : host_.Ports()) {
+         if (IsLusBlocked(p) && host_.UnblockPort(p.id) == HYK_OK) unblocked.push_back(fmt::format("{}", p.id));
+      }
+      if (!unblocked.empty()) done.push_back(fmt::format("unblocked {} port(s)", unblocked.size()));
+      if (loadedLus_) {
+         // Unloading lus frees the state it saved and withdraws every registration.
+         hyk_Status s = host_.UnloadModule("lus");
+         done.push_back(s == HYK_OK ? std::string("unloaded lus (its saved state and registrations with it)")
+                                    : fmt::format("could not unload lus: {}", StatusText(s)));
+      }
+      for (auto it = loadedNew_.rbegin(); it != loadedNew_.rend(); ++it) {
+         hyk_Status s = host_.UnloadModule(*it);
+         done.push_back(s == HYK_OK ? "unloaded " + *it : fmt::format("could not unload {}: {}", *it, StatusText(s)));
+      }
+      return done;
+   }
+
+  private:
    bool FastDatapath(const std::string &name) {
       for (const auto &p : host_.Portsets()) {
          if (p.name == name) return p.fastDatapath;
@@ -287,17 +409,44 @@ class FlowBuilder {
    FlowOptions opts_;
    std::vector<std::string> old_;
    std::unique_ptr<Device> device_;
+   bool loadedLus_ = false;
+   std::vector<std::string> loadedNew_;   // modules of the new build this flow loaded
+   bool pastPointOfNoReturn_ = false;
 };
 
-}  // namespace
+// Runs one step; a host that goes away or answers garbage fails it.
+hyk_Status RunStep(Step &step, StepRecord &rec, FlowResult &result) {
+   try {
+      return step.run(&rec.detail);
+   } catch (const HostError &e) {
+      result.hostError = e.what();
+      rec.detail = e.what();
+      return HYK_FAILURE;
+   }
+}
 
-FlowResult RunFlow(Environment &env, const FlowOptions &opts, const Progress &progress) {
+void RunSteps(Environment &env, const FlowOptions &opts, const Progress &progress, FlowResult &result) {
    FlowBuilder builder(env, opts);
    std::vector<Step> steps = opts.kind == FlowOptions::kClassic ? builder.Classic() : builder.Portset();
-   FlowResult result;
+   for (size_t i = 0; i < steps.size() && result.pointOfNoReturn == 0; i++) {
+      const bool ponr = opts.kind == FlowOptions::kClassic ? steps[i].name == "unload old build"
+                                                           : steps[i].name.rfind("ps-upgrade ", 0) == 0;
+      if (ponr) {
+         result.pointOfNoReturn = static_cast<int>(i + 1);
+         result.pointOfNoReturnName = steps[i].name;
+      }
+   }
    auto log = env.host->Log();
    result.logSeqStart = log.empty() ? 0 : log.back().seq + 1;
    result.startUS = env.host->NowUS();
+   if (!opts.dryRun) {
+      result.refusals = PreChecks(*env.host, opts, OldModules(*env.host, opts));
+      if (!result.refusals.empty()) {
+         result.ok = false;
+         result.endUS = result.startUS;
+         return;
+      }
+   }
    const int total = static_cast<int>(steps.size());
    for (int i = 0; i < total; i++) {
       StepRecord rec;
@@ -313,13 +462,20 @@ FlowResult RunFlow(Environment &env, const FlowOptions &opts, const Progress &pr
       }
       if (progress) progress(rec, total, false);
       rec.startUS = env.host->NowUS();
-      rec.status = steps[i].run(&rec.detail);
-      rec.endUS = env.host->NowUS();
+      rec.status = RunStep(steps[i], rec, result);
+      rec.endUS = result.hostError.empty() ? env.host->NowUS() : rec.startUS;
       result.steps.push_back(rec);
+      result.pastPointOfNoReturn = builder.PastPointOfNoReturn();
       if (progress) progress(rec, total, true);
       if (rec.status != HYK_OK) {
          result.ok = false;
          result.failedStep = i + 1;
+         if (!result.hostError.empty()) break;   // nothing more can be done on that host
+         if (!result.pastPointOfNoReturn) {
+            result.undone = builder.Undo();
+            result.rolledBack = true;
+            break;
+         }
          // A device left open would pin lus: close it, as a process that stops does.
          for (int j = i + 1; j < total; j++) {
             if (steps[j].name == "close device") {
@@ -331,7 +487,20 @@ FlowResult RunFlow(Environment &env, const FlowOptions &opts, const Progress &pr
          break;
       }
    }
-   result.endUS = env.host->NowUS();
+   result.endUS = result.hostError.empty() ? env.host->NowUS() : result.startUS;
+}
+
+}  // namespace
+
+FlowResult RunFlow(Environment &env, const FlowOptions &opts, const Progress &progress) {
+   FlowResult result;
+   try {
+      RunSteps(env, opts, progress, result);
+   } catch (const HostError &e) {
+      // Between the steps (the checks, the log's start): nothing was done yet.
+      result.ok = false;
+      result.hostError = e.what();
+   }
    return result;
 }
 

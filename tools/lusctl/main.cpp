@@ -22,6 +22,8 @@ namespace {
 const char *kSimHelp = R"(Host:
   --host PATH           the host served by `hyksim serve --socket PATH` (another process);
                         without it, lusctl runs a simulated host of its own:
+  --host-timeout SEC    a host that does not answer a request within SEC seconds is taken
+                        as gone (default 30)
 Simulated host (given before or after the command):
   --sim-portset NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]]
                         a portset of VNICS vNIC ports (two per VM) and CONTAINERS
@@ -46,6 +48,7 @@ struct SimOptions {
    uint32_t build = 1000, seed = 7;
    bool lus = false, virtualClock = false;
    std::string hostSocket;
+   double hostTimeoutSec = 30;
    std::string moduleDir = LUSCTL_MODULE_DIR;
 };
 
@@ -92,6 +95,15 @@ bool TakeSimOptions(std::vector<std::string> &args, SimOptions &sim, std::string
          sim.virtualClock = true;
       } else if (a == "--host") {
          if (!value(&sim.hostSocket)) return false;
+      } else if (a == "--host-timeout") {
+         if (!value(&v)) return false;
+         char *end = nullptr;
+         double sec = std::strtod(v.c_str(), &end);
+         if (v.empty() || *end != '\0' || !(sec > 0) || sec > 86400) {
+            error = "--host-timeout: seconds, more than 0 and at most 86400: " + v;
+            return false;
+         }
+         sim.hostTimeoutSec = sec;
       } else if (a == "--module-dir") {
          if (!value(&sim.moduleDir)) return false;
       } else if (a.rfind("--sim-", 0) == 0) {
@@ -171,13 +183,19 @@ int main(int argc, char **argv) {
       return 2;
    }
    if (!sim.hostSocket.empty()) {
-      auto remote = lusctl::MakeRemote(sim.hostSocket, &error);
+      auto remote = lusctl::MakeRemote(sim.hostSocket, &error, static_cast<int>(sim.hostTimeoutSec * 1000));
       if (!remote) {
          std::cerr << "lusctl: " << error << "\n";
          return 1;
       }
-      lusctl::Environment env{remote->host.get(), remote->openDevice};
-      return lusctl::RunCli(env, args, std::cout, std::cerr, isatty(STDOUT_FILENO) != 0, kSimHelp);
+      lusctl::Environment env{remote->host.get(), remote->openDevice, sim.hostSocket};
+      try {
+         return lusctl::RunCli(env, args, std::cout, std::cerr, isatty(STDOUT_FILENO) != 0, kSimHelp);
+      } catch (const lusctl::HostError &e) {
+         // A single command or `status` whose host went away: the flows say more themselves.
+         std::cerr << "lusctl: " << e.what() << "\n";
+         return 1;
+      }
    }
    hyksim::HostOptions options;
    options.virtualClock = sim.virtualClock;

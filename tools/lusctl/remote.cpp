@@ -5,6 +5,7 @@
 // of JSON ({"op": ...}), each answer one line of JSON.  The device is the
 // connection's own (opened by "open", closed by "close" or when the
 // connection goes); host views travel as JSON arrays of their fields.
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -27,17 +28,20 @@ json PortJson(const hyksim::PortView &p) {
    json blocked = json::array();
    for (const auto &b : p.blocked) blocked.push_back({b.fromUS, b.toUS, b.open});
    return {{"id", p.id}, {"portset", p.portset}, {"clientType", p.desc.clientType},
+           {"vm", p.desc.vmUUID}, {"vnic", p.desc.vnicIndex},
            {"blockReasons", p.blockReasons}, {"blocked", blocked}};
 }
 
 hyksim::PortView PortFrom(const json &j) {
    hyksim::PortView p{};
-   p.id = j["id"];
-   p.portset = j["portset"];
-   p.desc.clientType = j["clientType"];
-   p.blockReasons = j["blockReasons"];
+   p.id = j.at("id");
+   p.portset = j.at("portset");
+   p.desc.clientType = j.at("clientType");
+   p.desc.vmUUID = j.value("vm", std::string());
+   p.desc.vnicIndex = j.value("vnic", 0u);
+   p.blockReasons = j.at("blockReasons");
    p.passesTraffic = p.blockReasons == 0;
-   for (const auto &b : j["blocked"]) p.blocked.push_back({b[0], b[1], b[2]});
+   for (const auto &b : j.at("blocked")) p.blocked.push_back({b.at(0), b.at(1), b.at(2)});
    return p;
 }
 
@@ -54,18 +58,18 @@ json LedgerJson(const hyksim::LedgerClientView &v) {
 
 hyksim::LedgerClientView LedgerFrom(const json &j) {
    hyksim::LedgerClientView v;
-   v.client = j["client"];
+   v.client = j.at("client");
    for (uint32_t k = 0; k < HYKSIM_LEDGER_NUM_KINDS; k++) {
-      v.perPort[k] = {j["perPort"][k][0], j["perPort"][k][1]};
-      v.shared[k] = {j["shared"][k][0], j["shared"][k][1]};
+      v.perPort[k] = {j.at("perPort").at(k).at(0), j.at("perPort").at(k).at(1)};
+      v.shared[k] = {j.at("shared").at(k).at(0), j.at("shared").at(k).at(1)};
    }
-   for (const auto &p : j["ports"]) {
-      auto &slot = v.ports[p[0].get<uint32_t>()];
-      for (uint32_t k = 0; k < HYKSIM_LEDGER_NUM_KINDS; k++) slot[k] = p[1][k];
+   for (const auto &p : j.at("ports")) {
+      auto &slot = v.ports[p.at(0).get<uint32_t>()];
+      for (uint32_t k = 0; k < HYKSIM_LEDGER_NUM_KINDS; k++) slot[k] = p.at(1).at(k);
    }
-   for (const auto &s : j["scopes"]) {
-      auto &slot = v.scopes[s[0].get<std::string>()];
-      for (uint32_t k = 0; k < HYKSIM_LEDGER_NUM_KINDS; k++) slot[k] = s[1][k];
+   for (const auto &s : j.at("scopes")) {
+      auto &slot = v.scopes[s.at(0).get<std::string>()];
+      for (uint32_t k = 0; k < HYKSIM_LEDGER_NUM_KINDS; k++) slot[k] = s.at(1).at(k);
    }
    return v;
 }
@@ -76,31 +80,58 @@ hyksim::LedgerClientView LedgerFrom(const json &j) {
 
 struct RemoteConnection {
    int fd = -1;
+   std::string path;              // the host's socket, for the errors
+   int timeoutMS = 30000;         // an answer later than this is no answer
    std::string buffered;
    std::mutex mu;
 
    ~RemoteConnection() {
       if (fd >= 0) close(fd);
    }
-   // One request, one answer; an answer {"error": ...} from the server, or a
-   // broken connection, comes back as {"status": <host failure>, "error": why}.
+   // One request, one answer.  A broken connection, an answer that does not
+   // come in time or is not JSON throws HostError naming the host and the
+   // request: a host that answers no more cannot be reasoned about.
    json Call(const json &request) {
       std::lock_guard<std::mutex> lk(mu);
+      const std::string op = request.value("op", std::string("?"));
+      auto fail = [&](const std::string &why) {
+         return HostError(fmt::format("the host at {} {} (request '{}')", path, why, op));
+      };
       std::string line = request.dump() + "\n";
       if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
-         return {{"status", HYK_FAILURE}, {"error", "the host closed the connection"}};
+         throw fail("closed the connection");
       }
       for (;;) {
          auto nl = buffered.find('\n');
          if (nl != std::string::npos) {
             std::string answer = buffered.substr(0, nl);
             buffered.erase(0, nl + 1);
-            return json::parse(answer, nullptr, false);
+            json j = json::parse(answer, nullptr, false);
+            if (j.is_discarded() || !j.is_object()) throw fail("answered something that is not a JSON object");
+            return j;
          }
+         pollfd p{fd, POLLIN, 0};
+         const int ready = poll(&p, 1, timeoutMS);
+         if (ready == 0) throw fail(fmt::format("did not answer within {} ms", timeoutMS));
+         if (ready < 0 && errno != EINTR) throw fail(fmt::format("cannot be waited for: {}", std::strerror(errno)));
+         if (ready < 0) continue;
          char buf[65536];
          ssize_t n = recv(fd, buf, sizeof buf, 0);
-         if (n <= 0) return {{"status", HYK_FAILURE}, {"error", "the host closed the connection"}};
+         if (n <= 0) throw fail("closed the connection");
          buffered.append(buf, static_cast<size_t>(n));
+      }
+   }
+
+   // An answer's fields, read the way `read` says; a field missing or of
+   // another type is the host answering garbage.
+   template <typename T, typename Read>
+   T Field(const json &request, const std::string &field, Read read) {
+      json answer = Call(request);
+      try {
+         return read(answer.at(field));
+      } catch (const json::exception &e) {
+         throw HostError(fmt::format("the host at {} answered request '{}' without a proper '{}': {}", path,
+                                     request.value("op", std::string("?")), field, e.what()));
       }
    }
 };
@@ -108,7 +139,9 @@ struct RemoteConnection {
 namespace {
 
 hyk_Status StatusOf(const json &j) {
-   return j.contains("status") ? j["status"].get<hyk_Status>() : static_cast<hyk_Status>(HYK_FAILURE);
+   if (j.contains("status") && j["status"].is_number_integer()) return j["status"].get<hyk_Status>();
+   // The server names what it could not do; the caller sees a failed host call.
+   return HYK_FAILURE;
 }
 
 class RemoteDevice : public Device {
@@ -130,36 +163,39 @@ class RemoteHost : public Host {
    hyk_Status LoadModule(const std::string &name, const std::vector<std::string> &params,
                          std::string *error) override {
       json a = c_->Call(json{{"op", "load"}, {"name", name}, {"params", params}});
-      if (error != nullptr && a.contains("error")) *error = a["error"];
+      if (error != nullptr && a.contains("error") && a["error"].is_string()) *error = a["error"];
       return StatusOf(a);
    }
    hyk_Status UnloadModule(const std::string &name) override {
       return StatusOf(c_->Call(json{{"op", "unload"}, {"name", name}}));
    }
    std::vector<ModuleInfo> Modules() override {
-      std::vector<ModuleInfo> out;
-      const json answer = c_->Call(json{{"op", "modules"}});
-      for (const auto &m : answer["modules"]) out.push_back({m[0], m[1], m[2]});
-      return out;
+      return c_->Field<std::vector<ModuleInfo>>(json{{"op", "modules"}}, "modules", [](const json &a) {
+         std::vector<ModuleInfo> out;
+         for (const auto &m : a) out.push_back({m.at(0), m.at(1), m.at(2)});
+         return out;
+      });
    }
    std::vector<hyksim::PortsetView> Portsets() override {
-      std::vector<hyksim::PortsetView> out;
-      const json answer = c_->Call(json{{"op", "portsets"}});
-      for (const auto &p : answer["portsets"]) {
-         hyksim::PortsetView v{};
-         v.name = p[0];
-         v.className = p[1];
-         v.classModule = p[2];
-         v.fastDatapath = p[3];
-         out.push_back(v);
-      }
-      return out;
+      return c_->Field<std::vector<hyksim::PortsetView>>(json{{"op", "portsets"}}, "portsets", [](const json &a) {
+         std::vector<hyksim::PortsetView> out;
+         for (const auto &p : a) {
+            hyksim::PortsetView v{};
+            v.name = p.at(0);
+            v.className = p.at(1);
+            v.classModule = p.at(2);
+            v.fastDatapath = p.at(3);
+            out.push_back(v);
+         }
+         return out;
+      });
    }
    std::vector<hyksim::PortView> Ports() override {
-      std::vector<hyksim::PortView> out;
-      const json answer = c_->Call(json{{"op", "ports"}});
-      for (const auto &p : answer["ports"]) out.push_back(PortFrom(p));
-      return out;
+      return c_->Field<std::vector<hyksim::PortView>>(json{{"op", "ports"}}, "ports", [](const json &a) {
+         std::vector<hyksim::PortView> out;
+         for (const auto &p : a) out.push_back(PortFrom(p));
+         return out;
+      });
    }
    hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) override {
       return StatusOf(c_->Call(json{{"op", "takeover"}, {"portset", portset}, {"build", build}, {"threads", threads}}));
@@ -167,32 +203,48 @@ class RemoteHost : public Host {
    hyk_Status EnablePort(uint32_t port) override {
       return StatusOf(c_->Call(json{{"op", "enable"}, {"port", port}}));
    }
+   hyk_Status PostRestoreEvent(uint32_t port) override {
+      return StatusOf(c_->Call(json{{"op", "restore-event"}, {"port", port}}));
+   }
+   hyk_Status UnblockPort(uint32_t port) override {
+      return StatusOf(c_->Call(json{{"op", "unblock-port"}, {"port", port}}));
+   }
+   std::vector<TimerInfo> Timers() override {
+      return c_->Field<std::vector<TimerInfo>>(json{{"op", "timers"}}, "timers", [](const json &a) {
+         std::vector<TimerInfo> out;
+         for (const auto &t : a) out.push_back({t.at(0), t.at(1), t.at(2)});
+         return out;
+      });
+   }
    std::vector<hyksim::LogLine> Log() override {
-      std::vector<hyksim::LogLine> out;
-      const json answer = c_->Call(json{{"op", "log"}});
-      for (const auto &l : answer["log"]) {
-         out.push_back({l[0], l[1], l[2], l[3], false, l[4]});
-      }
-      return out;
+      return c_->Field<std::vector<hyksim::LogLine>>(json{{"op", "log"}}, "log", [](const json &a) {
+         std::vector<hyksim::LogLine> out;
+         for (const auto &l : a) out.push_back({l.at(0), l.at(1), l.at(2), l.at(3), false, l.at(4)});
+         return out;
+      });
    }
    std::vector<hyksim::LedgerClientView> Ledger() override {
-      std::vector<hyksim::LedgerClientView> out;
-      const json answer = c_->Call(json{{"op", "ledger"}});
-      for (const auto &v : answer["ledger"]) out.push_back(LedgerFrom(v));
-      return out;
+      return c_->Field<std::vector<hyksim::LedgerClientView>>(json{{"op", "ledger"}}, "ledger", [](const json &a) {
+         std::vector<hyksim::LedgerClientView> out;
+         for (const auto &v : a) out.push_back(LedgerFrom(v));
+         return out;
+      });
    }
    std::vector<hyksim::HeapView> Heaps() override {
-      std::vector<hyksim::HeapView> out;
-      const json answer = c_->Call(json{{"op", "heaps"}});
-      for (const auto &h : answer["heaps"]) {
-         hyksim::HeapView v{};
-         v.name = h[0];
-         v.bytesInUse = h[1];
-         out.push_back(v);
-      }
-      return out;
+      return c_->Field<std::vector<hyksim::HeapView>>(json{{"op", "heaps"}}, "heaps", [](const json &a) {
+         std::vector<hyksim::HeapView> out;
+         for (const auto &h : a) {
+            hyksim::HeapView v{};
+            v.name = h.at(0);
+            v.bytesInUse = h.at(1);
+            out.push_back(v);
+         }
+         return out;
+      });
    }
-   uint64_t NowUS() override { return c_->Call(json{{"op", "now"}})["us"]; }
+   uint64_t NowUS() override {
+      return c_->Field<uint64_t>(json{{"op", "now"}}, "us", [](const json &a) { return a.get<uint64_t>(); });
+   }
 
   private:
    std::shared_ptr<RemoteConnection> c_;
@@ -200,8 +252,10 @@ class RemoteHost : public Host {
 
 }  // namespace
 
-std::optional<Remote> MakeRemote(const std::string &socketPath, std::string *error) {
+std::optional<Remote> MakeRemote(const std::string &socketPath, std::string *error, int timeoutMS) {
    auto c = std::make_shared<RemoteConnection>();
+   c->path = socketPath;
+   c->timeoutMS = timeoutMS;
    c->fd = socket(AF_UNIX, SOCK_STREAM, 0);
    sockaddr_un addr{};
    addr.sun_family = AF_UNIX;
@@ -214,9 +268,14 @@ std::optional<Remote> MakeRemote(const std::string &socketPath, std::string *err
       *error = fmt::format("cannot connect to the host at {}: {}", socketPath, std::strerror(errno));
       return std::nullopt;
    }
-   json hello = c->Call(json{{"op", "hello"}});
-   if (!hello.contains("host")) {
-      *error = fmt::format("{}: {}", socketPath, hello.value("error", std::string("no host answers there")));
+   try {
+      json hello = c->Call(json{{"op", "hello"}});
+      if (!hello.contains("host")) {
+         *error = fmt::format("{}: no host answers there", socketPath);
+         return std::nullopt;
+      }
+   } catch (const HostError &e) {
+      *error = e.what();
       return std::nullopt;
    }
    Remote r;
@@ -230,8 +289,8 @@ std::optional<Remote> MakeRemote(const std::string &socketPath, std::string *err
 
 std::string HandleRequest(ServerSession &s, const std::string &line, bool *shutdown) {
    json req = json::parse(line, nullptr, false);
-   if (req.is_discarded() || !req.contains("op")) {
-      return json{{"error", "a request is one line of JSON with an \"op\""}}.dump();
+   if (req.is_discarded() || !req.is_object() || !req.contains("op") || !req["op"].is_string()) {
+      return json{{"error", "a request is one line of JSON: an object whose \"op\" is a string"}}.dump();
    }
    const std::string op = req["op"];
    Host &h = *s.host;
@@ -280,6 +339,13 @@ std::string HandleRequest(ServerSession &s, const std::string &line, bool *shutd
       }
       if (op == "takeover") return json{{"status", h.TakeOver(req["portset"], req["build"], req["threads"])}}.dump();
       if (op == "enable") return json{{"status", h.EnablePort(req["port"])}}.dump();
+      if (op == "restore-event") return json{{"status", h.PostRestoreEvent(req["port"])}}.dump();
+      if (op == "unblock-port") return json{{"status", h.UnblockPort(req["port"])}}.dump();
+      if (op == "timers") {
+         json m = json::array();
+         for (const auto &t : h.Timers()) m.push_back({t.queue, t.owner, t.dueUS});
+         return json{{"timers", m}}.dump();
+      }
       if (op == "log") {
          json m = json::array();
          for (const auto &l : h.Log()) m.push_back({l.seq, l.timeUS, l.component, l.level, l.text});
@@ -301,6 +367,7 @@ std::string HandleRequest(ServerSession &s, const std::string &line, bool *shutd
          return json{{"ok", true}}.dump();
       }
    } catch (const json::exception &e) {
+      // A field missing or of another type: the request is refused, the server goes on.
       return json{{"error", fmt::format("bad request {}: {}", op, e.what())}}.dump();
    }
    return json{{"error", "unknown request " + op}}.dump();

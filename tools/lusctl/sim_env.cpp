@@ -52,6 +52,27 @@ class SimHost : public Host {
       return hyksim::TakeOverPortset(portset, build, threads);
    }
    hyk_Status EnablePort(uint32_t port) override { return hyksim::EnablePort(port); }
+   hyk_Status PostRestoreEvent(uint32_t port) override {
+      auto p = hyksim::FindPort(port);
+      if (!p) return HYK_NOT_FOUND;
+      const uint32_t payload = port;
+      return hyksim::PostPortsetEvent(p->portset, "com.corvid.tarn.kcp.port.unblock", &payload,
+                                      sizeof(payload));
+   }
+   hyk_Status UnblockPort(uint32_t port) override {
+      return hyksim::UnblockPort(port, HYK_PORT_BLOCK_CUSTOM);
+   }
+   std::vector<TimerInfo> Timers() override {
+      std::vector<TimerInfo> out;
+      for (const auto &t : hyksim::PendingTimers()) {
+         std::string owner;
+         for (const auto &m : hyksim::Modules()) {
+            if (m.id == t.owner) owner = m.name;
+         }
+         out.push_back({t.queue, owner, t.deadlineUS});
+      }
+      return out;
+   }
    std::vector<hyksim::LogLine> Log() override { return hyksim::LogLines(); }
    std::vector<hyksim::LedgerClientView> Ledger() override { return hyksim::Ledger(); }
    std::vector<hyksim::HeapView> Heaps() override { return hyksim::Heaps(); }

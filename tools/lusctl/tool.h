@@ -12,8 +12,10 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <map>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -44,6 +46,19 @@ struct ModuleInfo {
    uint32_t useCount;
 };
 
+struct TimerInfo {
+   std::string queue;      // the timer queue's name
+   std::string owner;      // the module that owns the queue
+   uint64_t dueUS = 0;     // when it falls due (host clock)
+};
+
+// The host went away, did not answer in time, or answered something that
+// is no answer.  Only a transport to another process throws it; the flows
+// catch it, say what they know and how to recover.
+struct HostError : std::runtime_error {
+   using std::runtime_error::runtime_error;
+};
+
 class Host {
   public:
    virtual ~Host() = default;
@@ -60,6 +75,13 @@ class Host {
    virtual hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) = 0;
    // The port comes up (the host raises its enable event).
    virtual hyk_Status EnablePort(uint32_t port) = 0;
+   // The new datapath announces the port again: the port-unblock event
+   // ("com.corvid.tarn.kcp.port.unblock") is posted on its portset.
+   virtual hyk_Status PostRestoreEvent(uint32_t port) = 0;
+   // The host's own port service: clears lus's block (0x2000) of the port.
+   virtual hyk_Status UnblockPort(uint32_t port) = 0;
+   // Timers armed now, with the module that owns each.
+   virtual std::vector<TimerInfo> Timers() = 0;
    virtual std::vector<hyksim::LogLine> Log() = 0;
    virtual std::vector<hyksim::LedgerClientView> Ledger() = 0;
    virtual std::vector<hyksim::HeapView> Heaps() = 0;
@@ -70,6 +92,7 @@ class Host {
 struct Environment {
    Host *host = nullptr;
    std::function<std::unique_ptr<Device>()> openDevice;
+   std::string hostPath;   // the socket of a host in another process ("" for this process's)
 };
 
 // The simulated host of this process: a user process's device, and the
@@ -87,7 +110,8 @@ struct Remote {
    std::function<std::unique_ptr<Device>()> openDevice;
    std::shared_ptr<RemoteConnection> connection;
 };
-std::optional<Remote> MakeRemote(const std::string &socketPath, std::string *error);
+// A host that does not answer a request within `timeoutMS` is taken as gone.
+std::optional<Remote> MakeRemote(const std::string &socketPath, std::string *error, int timeoutMS = 30000);
 
 // The server side: answers one request line on behalf of the host of this
 // process; `scenario` runs a line of the scenario language ("" or why not),
@@ -142,9 +166,31 @@ struct FlowResult {
    std::vector<StepRecord> steps;
    bool ok = true;
    int failedStep = -1;
+   // Pre-checks that failed: the flow refused to start and did nothing.
+   std::vector<std::string> refusals;
+   // The step at which state leaves the old build ("unload old build" in the
+   // classic flow, the first "ps-upgrade" in the per-portset one).  A flow
+   // that fails before it undoes what it did; after it, `lusctl recover`
+   // carries the upgrade forward.
+   int pointOfNoReturn = 0;
+   std::string pointOfNoReturnName;
+   bool pastPointOfNoReturn = false;
+   bool rolledBack = false;
+   std::vector<std::string> undone;   // what the undo did, in order
+   // The host went away, did not answer or answered garbage (HostError).
+   std::string hostError;
+   // Ports a recovery unblocked without their state, each with what was given up.
+   std::vector<std::string> givenUp;
+   std::vector<uint32_t> givenUpPorts;
    uint64_t startUS = 0, endUS = 0;
    uint64_t logSeqStart = 0;    // the report looks at log lines from here on
 };
+
+// The parameters of module `module` (a name without its build; "lus" for
+// lus) among --module-param's: a bare NAME=VALUE goes to every module of
+// the new build (not to lus), MODULE:NAME=VALUE to that module alone.
+std::vector<std::string> ParamsFor(const std::vector<std::string> &params, const std::string &module,
+                                   uint32_t build);
 
 // Progress: called before and after each step.
 using Progress = std::function<void(const StepRecord &step, int total, bool done)>;
@@ -156,18 +202,52 @@ FlowResult RunFlow(Environment &env, const FlowOptions &opts, const Progress &pr
 struct PortRow {
    uint32_t port = 0;
    std::string portset;
+   std::string name;             // "PORTSET#INDEX": the INDEX-th port made in PORTSET
+   std::string vm;               // the VM's UUID ("" for a port of no VM)
+   int vnic = -1;                // the vNIC's index (-1: not a vNIC port)
    uint64_t fromUS = 0;          // when the last blocked interval began (host clock)
    uint64_t hostUS = 0;          // last blocked interval, as the host measured it
    int moduleSec = -1;           // outage lus logged, whole seconds (-1: none logged)
    bool overBudget = false;
-   bool blocked = false;         // still blocked at the end
+   bool blocked = false;         // still blocked by lus at the end
+   bool passes = false;          // passes traffic at the end (no block reason at all)
+   bool everBlocked = false;     // blocked by lus at some time during the flow
+   bool upgraded = false;        // blocked, handed to the new build, and passes traffic
+   bool inUpgrade = false;       // of a portset the flow upgrades
+   // Every blocked interval during the flow: [from, to) on the host clock.
+   std::vector<std::pair<uint64_t, uint64_t>> intervals;
 };
-
 struct ClientRow {
    std::string client;
    hyksim::LedgerCount saved, restored, verified, converted, mismatched, refused;
-   uint64_t droppedBytes = 0;    // reported dropped by lus
+   uint64_t droppedBytes = 0;    // reported dropped by lus, unexpectedly
    uint64_t droppedPorts = 0;
+   uint64_t byDesignBytes = 0;   // dropped by the per-portset flow's design (portset-phase maps)
+   uint64_t byDesignPorts = 0;
+   std::vector<uint32_t> mismatchedPorts, refusedPorts;   // from the ledger, by port
+};
+
+// One thing that keeps an upgrade from being "completed".  `kind` is what
+// --allow names: over-budget, mismatched, refused, dropped, lost, blocked.
+struct Violation {
+   std::string kind;
+   std::string text;
+};
+const std::vector<std::string> &ViolationKinds();
+
+// A lus log line, verbatim, with the port and the client it is about.
+struct AttributedLine {
+   uint32_t port = 0;            // 0: no port
+   std::string portName;
+   std::string client;
+   std::string text;             // lus's message as logged
+   bool byDesign = false;        // a drop the flow's design intends
+};
+
+// Per client and callback, from lus's level-5 duration lines.
+struct CallbackStats {
+   std::string client, callback;
+   uint64_t count = 0, totalMS = 0, p50MS = 0, p99MS = 0, maxMS = 0;
 };
 
 struct Report {
@@ -178,31 +258,84 @@ struct Report {
    std::vector<PortRow> ports;
    std::vector<ClientRow> clients;
    std::vector<std::string> failures;          // lus's level-1 lines
+   std::vector<AttributedLine> attributed;     // lus's failure and drop lines, by port and client
+   std::vector<Violation> violations;
+   std::vector<std::string> allowed;           // violation kinds the user accepts
+   std::string hostPath;                       // where the host is, for the recover command
    struct LeftBehind {
       std::vector<uint32_t> portsBlocked;
       uint64_t stateBytes = 0;                  // client state still in lus's heaps
       std::vector<std::string> clientsRegistered;   // client modules still pinned
       std::vector<std::string> modulesLoaded;   // lus and client modules loaded
+      bool clearTimerArmed = false;
    } left;
    // Per-callback durations lus logged (level 5), for the trace.
    struct Callback {
-      std::string client;
+      std::string client, callback;
       uint64_t endUS, ms;
    };
    std::vector<Callback> callbacks;
+   std::vector<CallbackStats> callbackStats;
+   // The ports' names ("PORTSET#INDEX") by ID, for every port of the host.
+   std::map<uint32_t, std::string> names;
 };
 
-Report BuildReport(Environment &env, const FlowOptions &opts, const FlowResult &result);
+// "PORTSET#INDEX" of every port of the host, by port ID.
+std::map<uint32_t, std::string> PortNames(const std::vector<hyksim::PortView> &ports);
+
+Report BuildReport(Environment &env, const FlowOptions &opts, const FlowResult &result,
+                   const std::vector<std::string> &allowed = {});
+// What a report comes to: the exit code (0 completed, 1 a step failed or the
+// flow was refused, 3 finished with violations) and its word.
+int ExitCode(const Report &r);
+std::string Verdict(const Report &r);
+// The command that carries a stopped upgrade to an end.
+std::string RecoverCommand(const Report &r);
 void PrintSummary(std::ostream &out, const Report &r);
 void PrintTables(std::ostream &out, const Report &r, size_t worstPorts = 10);
 std::string ReportJson(const Report &r);
 std::string TraceJson(const Report &r);
 std::string ChartSvg(const Report &r);
 
+// ---- status and recovery ----------------------------------------------------------------
+
+// What the host holds now, as far as an upgrade is concerned.
+struct HostStatus {
+   bool lusLoaded = false;
+   uint64_t stateBytes = 0;                 // client state in lus's heaps
+   struct BlockedPort {
+      uint32_t port = 0;
+      std::string name, portset, vm;
+      int vnic = -1;
+      uint64_t blockedUS = 0;               // blocked for this long so far
+      std::map<std::string, uint64_t> heldBytes;   // client -> bytes saved and not restored (ledger)
+   };
+   std::vector<BlockedPort> blocked;        // ports blocked by lus
+   std::vector<std::string> registered;     // client modules lus holds (use count > 0)
+   std::map<uint32_t, std::vector<std::string>> builds;   // build -> its modules loaded
+   std::map<std::string, std::string> carriers;           // portset -> the module that carries it
+   bool clearTimerArmed = false;
+   uint64_t clearTimerInUS = 0;             // fires in this long
+};
+HostStatus ReadStatus(Host &host);
+void PrintStatus(std::ostream &out, const HostStatus &s, const std::string &hostPath);
+std::string StatusJson(const HostStatus &s);
+
+struct RecoverOptions {
+   uint32_t fromBuild = 0, toBuild = 0;
+   bool portsetFlow = false;     // the upgrade was the per-portset flow
+   bool unblockLost = false;     // unblock, through the host, the ports whose state is gone
+};
+// Brings a host left by a failed or interrupted upgrade to a clean end:
+// back to the old build while it still carries its portsets, else forward.
+// `opts` receives the flow options its report is built with.
+FlowResult Recover(Environment &env, const RecoverOptions &ropts, FlowOptions *opts, const Progress &progress);
+
 // ---- the command line ---------------------------------------------------------------------
 
 // Runs the tool with `args` (without the program name); returns the exit
-// code: 0 success, 1 a command or step failed, 2 bad usage.  `interactive`:
+// code: 0 success, 1 a command or step failed, 2 bad usage, 3 an upgrade
+// finished with violations.  `interactive`:
 // progress as a live line (a terminal) rather than plain lines.
 // `footer` is added to the help (the host program's own options).
 // `report`, when given, receives the report of a flow the command ran.

@@ -108,24 +108,28 @@ struct ClassicFault {
    hyk_Status status;
    size_t portsBlocked;
    bool oldBuildLoaded;
+   bool rolledBack;   // failed before the point of no return: undone
 };
 
 // The classic flow stops at each of its steps in turn: the failing step is
-// named with its status, and the report's left-behind section says what the
-// failure left (ports still blocked, modules still loaded).
+// named with its status.  Before the point of no return (the old build's
+// unload) the flow undoes what it did: no port blocked, nothing of the new
+// build or lus loaded.  After it, the report's left-behind section says what
+// the failure left (ports still blocked, modules still loaded).
 TEST_F(LusctlFlowTest, ClassicFlowFailsAtEachStepAndSaysWhatItLeftBehind) {
    const std::vector<ClassicFault> faults = {
-      {1, "load lus", "hyk_HeapCreate", HYK_FAILURE, 0, true},
-      {2, "load new build", "hyk_HeapCreate", HYK_FAILURE, 0, true},
-      {3, "open device", "unload lus", HYK_NOT_FOUND, 0, true},
-      {4, "register", "hyk_NetEventPost", HYK_FAILURE, 0, true},
-      {5, "block", "hyk_PortsetAcquireByName", HYK_FAILURE, 0, true},
-      {6, "save", "hyk_PortsetAcquireByName", HYK_FAILURE, 8, true},
-      {7, "unload old build", "pin", HYK_BUSY, 8, true},
-      {8, "register", "hyk_NetEventPost", HYK_FAILURE, 8, false},
+      {1, "load lus", "hyk_HeapCreate", HYK_FAILURE, 0, true, true},
+      {2, "load new build", "hyk_HeapCreate", HYK_FAILURE, 0, true, true},
+      {3, "open device", "unload lus", HYK_NOT_FOUND, 0, true, true},
+      {4, "register", "hyk_NetEventPost", HYK_FAILURE, 0, true, true},
+      {5, "block", "hyk_PortsetAcquireByName", HYK_FAILURE, 0, true, true},
+      {6, "save", "hyk_PortsetAcquireByName", HYK_FAILURE, 0, true, true},
+      // The first old module stays: nothing of the old build is gone yet.
+      {7, "unload old build", "pin", HYK_BUSY, 0, true, true},
+      {8, "register", "hyk_NetEventPost", HYK_FAILURE, 8, false, false},
       // Which of the two takeover threads fails is a race: some ports stay blocked.
-      {9, "new datapath takes over", "hyk_PortsetForAllPorts", HYK_FAILURE, kSome, false},
-      {10, "ports restored", "unblock", HYK_BUSY, 8, false},
+      {9, "new datapath takes over", "hyk_PortsetForAllPorts", HYK_FAILURE, kSome, false, false},
+      {10, "ports restored", "unblock", HYK_BUSY, 8, false, false},
    };
    for (const auto &f : faults) {
       SCOPED_TRACE(fmt::format("step {} {}", f.step, f.name));
@@ -161,6 +165,15 @@ TEST_F(LusctlFlowTest, ClassicFlowFailsAtEachStepAndSaysWhatItLeftBehind) {
       }
       const auto &loaded = rep.left.modulesLoaded;
       EXPECT_EQ(std::count(loaded.begin(), loaded.end(), "tarnq-dfw-1000"), f.oldBuildLoaded ? 1 : 0);
+      EXPECT_EQ(res.rolledBack, f.rolledBack);
+      EXPECT_EQ(res.pastPointOfNoReturn, !f.rolledBack);
+      if (f.rolledBack) {
+         // As the flow found the host: no lus, no module of the new build, no state.
+         EXPECT_EQ(std::count(loaded.begin(), loaded.end(), "lus"), 0);
+         EXPECT_EQ(std::count(loaded.begin(), loaded.end(), "tarnq-dfw-2000"), 0);
+         EXPECT_EQ(rep.left.stateBytes, 0u);
+         for (const auto &p : rep.ports) EXPECT_TRUE(p.passes) << p.name;
+      }
       // The tool's device is closed whatever failed: nothing of it pins lus.
       for (const auto &d : hyksim::CharDevs()) EXPECT_EQ(d.openFiles, 0u);
    }
@@ -180,7 +193,14 @@ TEST_F(LusctlFlowTest, FailingStepIsNamedWithItsCommandAndStatusAndExitsOne) {
    EXPECT_EQ(r.code, 1);
    EXPECT_NE(r.out.find("FAILED at step 6 'save': save (command 4) returned 0xbad0001 Failure"),
              std::string::npos) << r.out;
-   EXPECT_NE(r.out.find("left:   4 ports blocked"), std::string::npos) << r.out;
+   // Before the point of no return: undone, and said so.
+   EXPECT_NE(r.out.find("rolled back: the failure came before the point of no return (step 7 'unload old build')"),
+             std::string::npos) << r.out;
+   EXPECT_NE(r.out.find("ports:  0 upgraded (rolled back), 4 pass traffic on build 1000, 0 blocked"),
+             std::string::npos) << r.out;
+   EXPECT_NE(r.out.find("left:   no port blocked, no state in lus's heaps, no client pinned; loaded: "
+                        "tarnq-vswitch-1000, tarnq-dfw-1000, tarnq-stats-1000\n"),
+             std::string::npos) << r.out;
    EXPECT_NE(r.out.find("lus reported"), std::string::npos);
 }
 

@@ -48,6 +48,10 @@ hyk_Status RemovePort(hyk_PortID portID);
 // subscriber's status (HYK_OK when every subscriber succeeded).
 hyk_Status EnablePort(hyk_PortID portID);
 hyk_Status DisablePort(hyk_PortID portID);
+// The host's own port service, as an operator reaches it: clears block
+// `reason` of the port (the host's custom-block bits), whoever set it.
+// HYK_NOT_FOUND for an unknown port; clearing a reason not set succeeds.
+hyk_Status UnblockPort(hyk_PortID portID, uint32_t reason);
 
 // ---- inspection -------------------------------------------------------------------
 

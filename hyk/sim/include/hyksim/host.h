@@ -192,6 +192,15 @@ struct HostCounts {
 };
 HostCounts Counts();
 
+// Timers armed now, per queue: the queue's name, the module that owns it,
+// and when the timer falls due (host clock).
+struct PendingTimerView {
+   std::string queue;
+   hyk_ModuleID owner;
+   uint64_t deadlineUS;
+};
+std::vector<PendingTimerView> PendingTimers();
+
 // Panics: by default a panic aborts the process (use death tests).  The
 // message goes to stderr as "hyk: PANIC: <message>", after the log is flushed.
 }  // namespace hyksim

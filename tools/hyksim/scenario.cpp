@@ -240,10 +240,17 @@ struct Interpreter::Impl {
       } else {
          if (!a.Has("build")) throw Fail{"load " + name + ": build=N is needed"};
          file = fmt::format("{}-{}", name, a.Get("build"));
-         if (!a.Has("seed")) params.push_back(fmt::format("seed={}", opts.seed));
       }
+      // The run's seed goes to a client that did not name its own -- if it takes one.
+      const bool impliedSeed = name != "lus" && !a.Has("seed");
+      if (impliedSeed) params.push_back(fmt::format("seed={}", opts.seed));
       std::string error;
       hyk_Status s = host->LoadModule(file, params, &error);
+      if (s != HYK_OK && impliedSeed && error.find("unknown parameter seed") != std::string::npos) {
+         params.pop_back();
+         error.clear();
+         s = host->LoadModule(file, params, &error);
+      }
       lastStatus = s;
       if (s != HYK_OK) throw Fail{fmt::format("load {}: {}{}", file, lusctl::StatusText(s), error.empty() ? "" : " (" + error + ")")};
    }

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <fstream>
 #include <sstream>
 
@@ -107,6 +109,32 @@ TEST_F(ScenarioTest, FaultsAndParametersAreTheHostsOwn) {
    EXPECT_EQ(hyksim::LogCount("module tarnq-dfw-1000: parameters set: failSlot=3"), 1u);
    EXPECT_NE(out.find(":10: set tarnq-dfw-1000: 0xbad0007 Bad parameter (unknown parameter colour)"),
              std::string::npos) << out;
+}
+
+// A client of the user's own that takes no seed loads as it is: the run's
+// seed goes only to a module that takes one; a seed named outright still
+// reaches the module, which refuses it.
+TEST_F(ScenarioTest, LoadClientWorksForAModuleThatTakesNoSeed) {
+   const std::string dir = ::testing::TempDir() + "/seedless-" + std::to_string(getpid());
+   ASSERT_EQ(std::system(("mkdir -p " + dir + "/clients").c_str()), 0);
+   ASSERT_EQ(std::system(fmt::format("cp {}/libhyktest_counter.so {}/clients/counter-1000.so", HYKTEST_MODULE_DIR, dir).c_str()), 0);
+   const std::string path = dir + "/s.hyk";
+   std::ofstream(path) << "load client counter build=1000 counterStart=5\n"
+                          "expect use-count counter-1000 0\n"
+                          "unload counter-1000\n"
+                          "load client counter build=1000 seed=3\n";
+   std::ostringstream out;
+   hyksimtool::ScenarioOptions opts;
+   opts.moduleDir = dir;
+   opts.reportDir = ::testing::TempDir();
+   hyksimtool::Interpreter interp(opts, out);
+   EXPECT_FALSE(interp.RunFile(path));
+   // Lines 1-3 ran (the use-count expectation found the module loaded); line 4 failed.
+   EXPECT_EQ(out.str().find(":1:"), std::string::npos) << out.str();
+   EXPECT_EQ(out.str().find(":2:"), std::string::npos) << out.str();
+   EXPECT_NE(out.str().find(":4: load counter-1000: "), std::string::npos) << out.str();
+   EXPECT_NE(out.str().find("unknown parameter seed"), std::string::npos) << out.str();
+   std::system(("rm -rf " + dir).c_str());
 }
 
 }  // namespace

@@ -319,18 +319,20 @@ class Recovery {
       return device_->Ioctl(cmd, payload, static_cast<uint32_t>(payload.size()));
    }
 
+   // Each blocked port announced again.  A port whose restore fails again
+   // stays blocked and is named; the others still get their turn.
    hyk_Status RestoreAgain(std::string *d) {
       const auto blocked = Blocked();
+      const auto names = PortNames(host_.Ports());
+      std::vector<std::string> failed;
       for (const auto &p : blocked) {
          hyk_Status st = host_.PostRestoreEvent(p.id);
-         if (st != HYK_OK) {
-            *d = fmt::format("port {}", p.id);
-            return st;
-         }
+         if (st != HYK_OK) failed.push_back(fmt::format("{}: {}", names.at(p.id), StatusText(st)));
       }
       const size_t left = Blocked().size();
       *d = fmt::format("{} port(s) asked again, {} restored, {} still blocked", blocked.size(), blocked.size() - left,
                        left);
+      if (!failed.empty()) *d += fmt::format("; failed again: {}", fmt::join(failed, ", "));
       return HYK_OK;
    }
 

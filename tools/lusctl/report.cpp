@@ -425,12 +425,16 @@ void PrintOutcome(std::ostream &out, const Report &r) {
    }
    if (res.steps.empty()) {
       out << fmt::format("lusctl: {}: FAILED before its first step: {}\n", what, res.hostError);
+   } else if (!res.hostError.empty()) {
+      const StepRecord &s = res.steps.back();
+      out << fmt::format("lusctl: {}: FAILED {} step {} '{}': {}\n", what, s.status == HYK_OK ? "after" : "at",
+                         s.index, s.name, res.hostError);
    } else {
       const StepRecord &s = res.steps.back();
       out << fmt::format("lusctl: {}: FAILED at step {} '{}': {}{}\n", what, s.index, s.name,
                          s.command.empty() ? "" : s.command + " returned ", StatusText(s.status));
       if (!s.detail.empty()) out << fmt::format("        {}\n", s.detail);
-      if (res.hostError.empty() && !Meaning(s).empty()) out << fmt::format("        {}\n", Meaning(s));
+      if (!Meaning(s).empty()) out << fmt::format("        {}\n", Meaning(s));
    }
    const std::string ponr = fmt::format("step {} '{}'", res.pointOfNoReturn, res.pointOfNoReturnName);
    if (!res.hostError.empty()) {
@@ -509,11 +513,14 @@ void PrintSummary(std::ostream &out, const Report &r) {
 }
 
 void PrintTables(std::ostream &out, const Report &r, size_t worstPorts) {
+   // A host that went away told nothing more than the steps.
+   const bool hostKnown = r.result.hostError.empty() || !r.ports.empty();
    out << "\nsteps\n";
    for (const auto &s : r.result.steps) {
       out << fmt::format("  {:>2}  {:<28} {:<30} {:<28} {:>9.3f} ms  {}\n", s.index, s.name,
                          s.command, StatusText(s.status), (s.endUS - s.startUS) / 1000.0, s.detail);
    }
+   if (!hostKnown) return;
    out << "\nclients (per-port state: ports / bytes)\n";
    out << fmt::format("  {:<16} {:>18} {:>18} {:>18} {:>18} {:>12} {:>12} {:>18}\n", "client", "saved",
                       "restored", "verified", "converted", "mismatched", "refused", "dropped by lus");

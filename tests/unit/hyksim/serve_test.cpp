@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -65,6 +67,10 @@ class ServeTest : public ::testing::Test {
                                   "ports ps0 40 vms=20 external-id=a\n"
                                   "load client tarnq-dfw build=1000\n"
                                   "load client tarnq-stats build=1000\n";
+      StartServer();
+   }
+
+   void StartServer() {
       server_ = fork();
       if (server_ == 0) {
          execl(HYKSIM_PROGRAM, "hyksim", "serve", "--socket", socket_.c_str(), "--module-dir",
@@ -79,7 +85,13 @@ class ServeTest : public ::testing::Test {
       }
       FAIL() << "hyksim serve did not come up";
    }
-   void TearDown() override {
+   void TearDown() override { StopServer(); }
+
+   void StopServer() {
+      if (server_ < 0) {
+         std::system(("rm -rf " + dir_).c_str());
+         return;
+      }
       Connection c;
       if (c.Connect(socket_)) c.Call({{"op", "shutdown"}});
       int status = 0;
@@ -93,7 +105,53 @@ class ServeTest : public ::testing::Test {
       } else {
          EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
       }
+      server_ = -1;
       std::system(("rm -rf " + dir_).c_str());
+   }
+
+   // Starts lusctl against the served host with its output on a pipe.
+   pid_t SpawnLusctl(const std::vector<std::string> &args, int *outFd) {
+      int fds[2];
+      if (pipe(fds) != 0) return -1;
+      pid_t pid = fork();
+      if (pid == 0) {
+         dup2(fds[1], 1);
+         dup2(fds[1], 2);
+         close(fds[0]);
+         std::vector<std::string> all = {"lusctl", "--host", socket_};
+         all.insert(all.end(), args.begin(), args.end());
+         std::vector<char *> argv;
+         for (auto &a : all) argv.push_back(a.data());
+         argv.push_back(nullptr);
+         execv(LUSCTL_PROGRAM, argv.data());
+         _exit(127);
+      }
+      close(fds[1]);
+      *outFd = fds[0];
+      return pid;
+   }
+
+   // Reads `fd` until a line starts with `prefix` (true) or the output ends (false).
+   static bool ReadUntil(int fd, const std::string &prefix, std::string *all) {
+      std::string line;
+      char c;
+      while (read(fd, &c, 1) == 1) {
+         all->push_back(c);
+         if (c != '\n') {
+            line.push_back(c);
+            continue;
+         }
+         if (line.rfind(prefix, 0) == 0) return true;
+         line.clear();
+      }
+      return false;
+   }
+
+   static void Drain(int fd, std::string *all) {
+      char buf[4096];
+      ssize_t n;
+      while ((n = read(fd, buf, sizeof buf)) > 0) all->append(buf, static_cast<size_t>(n));
+      close(fd);
    }
 
    // Runs the lusctl program against the served host; returns its exit code.
@@ -177,6 +235,158 @@ TEST_F(ServeTest, TwoClientsAtOnceAreServedOneRequestAtATime) {
    b.join();
    EXPECT_EQ(good0, 50);
    EXPECT_EQ(good1, 50);
+}
+
+const char *kUpgrade = "upgrade classic --from-build 1000 --to-build 2000 --portset ps0 --module-param seed=7";
+const char *kRecover = "recover --from-build 1000 --to-build 2000";
+
+// The tool, a separate process, killed (SIGKILL) as each step of the classic
+// flow begins: `recover` brings the host to a clean end -- every port passes
+// traffic with its state (on the old build, or verified on the new one), or
+// is listed as given up; lus's heaps are empty and nothing is pinned.
+TEST_F(ServeTest, RecoverEndsCleanAfterTheToolIsKilledAtEachStep) {
+   int backs = 0, forwards = 0;
+   for (int step = 1; step <= 11; step++) {
+      SCOPED_TRACE(fmt::format("killed after step {} ended", step - 1));
+      if (step > 1) {
+         StopServer();
+         std::system(("mkdir -p " + dir_).c_str());
+         std::ofstream(topology_) << "load client tarnq-vswitch build=1000\n"
+                                     "portset ps0 module=tarnq-vswitch-1000\n"
+                                     "ports ps0 40 vms=20 external-id=a\n"
+                                     "load client tarnq-dfw build=1000\n"
+                                     "load client tarnq-stats build=1000\n";
+         StartServer();
+      }
+      int fd = -1;
+      std::vector<std::string> args = {"upgrade", "classic", "--from-build", "1000", "--to-build", "2000",
+                                       "--portset", "ps0", "--module-param", "seed=7"};
+      pid_t tool = SpawnLusctl(args, &fd);
+      ASSERT_GT(tool, 0);
+      std::string out;
+      // Step N's line is printed as it ends: the kill lands in step N+1 (or later).
+      if (step == 1 || ReadUntil(fd, fmt::format("[{:>2}/11]", step - 1), &out)) kill(tool, SIGKILL);
+      Drain(fd, &out);
+      int status = 0;
+      waitpid(tool, &status, 0);
+
+      std::string recovered;
+      const int code = Lusctl(std::string(kRecover) + " --unblock-lost --allow lost --allow over-budget", &recovered);
+      EXPECT_EQ(code, 0) << out << recovered;
+      std::string statusOut;
+      ASSERT_EQ(Lusctl("--json status", &statusOut), 0) << statusOut;
+      json s = json::parse(statusOut, nullptr, false);
+      ASSERT_FALSE(s.is_discarded()) << statusOut;
+      EXPECT_TRUE(s["portsBlocked"].empty()) << statusOut;
+      EXPECT_EQ(s["stateBytesInLusHeaps"], 0) << statusOut;
+      EXPECT_TRUE(s["clientsRegistered"].empty()) << statusOut;
+      Connection c;
+      ASSERT_TRUE(c.Connect(socket_));
+      EXPECT_EQ(Scenario(c, "expect blocked ps0 no")["ok"], true);
+      // With its state: back on build 1000 (which kept it), or verified on 2000.
+      const bool forward = recovered.find("forward to build 2000") != std::string::npos;
+      const bool gaveUp = recovered.find("unblocked without their state") != std::string::npos;
+      backs += recovered.find("back to build 1000") != std::string::npos;
+      forwards += forward;
+      if (forward && !gaveUp) {
+         EXPECT_EQ(Scenario(c, "expect ledger tarnq-dfw verified same-as=saved")["ok"], true) << recovered;
+      }
+      if (!forward) {
+         EXPECT_NE(recovered.find("back to build 1000"), std::string::npos) << recovered;
+         EXPECT_EQ(Scenario(c, "expect use-count tarnq-dfw-1000 0")["ok"], true) << recovered;
+      }
+   }
+   // Early kills go back to the old build, late ones forward to the new.
+   EXPECT_GE(backs, 1);
+   EXPECT_GE(forwards, 1);
+}
+
+// The host goes away in the middle of a flow: the tool ends with the host
+// named, what it knows, and the command that recovers -- never an abort.
+TEST_F(ServeTest, AHostThatGoesAwayMidFlowEndsTheFlowWithANamedErrorAndTheWayOut) {
+   int fd = -1;
+   pid_t tool = SpawnLusctl({"upgrade", "classic", "--from-build", "1000", "--to-build", "2000", "--portset", "ps0",
+                             "--module-param", "seed=7"},
+                            &fd);
+   std::string out;
+   ASSERT_TRUE(ReadUntil(fd, "[ 5/11]", &out)) << out;
+   kill(server_, SIGKILL);
+   int st = 0;
+   waitpid(server_, &st, 0);
+   server_ = -1;
+   Drain(fd, &out);
+   int status = 0;
+   waitpid(tool, &status, 0);
+   ASSERT_TRUE(WIFEXITED(status)) << out;
+   EXPECT_EQ(WEXITSTATUS(status), 1) << out;
+   EXPECT_NE(out.find("the host at " + socket_ + " closed the connection"), std::string::npos) << out;
+   EXPECT_NE(out.find("FAILED at step"), std::string::npos) << out;
+   EXPECT_NE(out.find("lusctl --host " + socket_ + " recover --from-build 1000 --to-build 2000"), std::string::npos)
+      << out;
+}
+
+// A host that never answers, or answers garbage: a named error and exit 1.
+TEST_F(ServeTest, AHostThatNeverAnswersOrAnswersGarbageIsANamedError) {
+   const std::string fake = dir_ + "/fake.sock";
+   int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+   sockaddr_un addr{};
+   addr.sun_family = AF_UNIX;
+   std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", fake.c_str());
+   ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+   ASSERT_EQ(listen(listener, 4), 0);
+   // The fake host: the first connection is never answered; the second gets a
+   // proper hello, then garbage.
+   std::thread host([listener] {
+      int silent = accept(listener, nullptr, nullptr);
+      int chatty = accept(listener, nullptr, nullptr);
+      char buf[4096];
+      if (recv(chatty, buf, sizeof buf, 0) > 0) {
+         const std::string hello = "{\"host\":\"fake\"}\n";
+         send(chatty, hello.data(), hello.size(), MSG_NOSIGNAL);
+      }
+      if (recv(chatty, buf, sizeof buf, 0) > 0) {
+         const std::string garbage = "[1,2\n";
+         send(chatty, garbage.data(), garbage.size(), MSG_NOSIGNAL);
+      }
+      recv(chatty, buf, sizeof buf, 0);
+      close(chatty);
+      close(silent);
+   });
+   std::string out;
+   const std::string cmd = std::string(LUSCTL_PROGRAM) + " --host " + fake + " --host-timeout 0.3 status 2>&1";
+   FILE *p = popen(cmd.c_str(), "r");
+   std::array<char, 4096> buf;
+   size_t n;
+   while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) out.append(buf.data(), n);
+   int status = pclose(p);
+   EXPECT_EQ(WEXITSTATUS(status), 1) << out;
+   EXPECT_NE(out.find("the host at " + fake + " did not answer within 300 ms (request 'hello')"), std::string::npos)
+      << out;
+
+   std::string garbage;
+   const std::string cmd2 = std::string(LUSCTL_PROGRAM) + " --host " + fake + " --host-timeout 5 " + kUpgrade + " 2>&1";
+   p = popen(cmd2.c_str(), "r");
+   while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) garbage.append(buf.data(), n);
+   status = pclose(p);
+   EXPECT_TRUE(WIFEXITED(status)) << garbage;
+   EXPECT_EQ(WEXITSTATUS(status), 1) << garbage;
+   EXPECT_NE(garbage.find("answered something that is not a JSON object"), std::string::npos) << garbage;
+   host.join();
+   close(listener);
+}
+
+// A request whose fields are of the wrong type is refused; the server goes on.
+TEST_F(ServeTest, MistypedRequestsAreRefusedAndTheServerGoesOn) {
+   Connection c;
+   ASSERT_TRUE(c.Connect(socket_));
+   c.Call({{"op", "open"}});   // the connection's device, so that an ioctl reads its fields
+   for (const json &bad : {json{{"op", 1}}, json{{"op", nullptr}}, json::array(), json{{"op", "load"}, {"name", 3}},
+                           json{{"op", "ioctl"}, {"cmd", "x"}, {"payload", ""}, {"length", 0}},
+                           json{{"op", "unblock-port"}, {"port", "p"}}}) {
+      json a = c.Call(bad);
+      EXPECT_TRUE(a.contains("error")) << bad.dump() << " -> " << a.dump();
+   }
+   EXPECT_TRUE(c.Call({{"op", "hello"}}).contains("host"));
 }
 
 }  // namespace

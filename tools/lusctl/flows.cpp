@@ -224,10 +224,13 @@ class FlowBuilder {
          std::vector<std::string> params = {fmt::format("fromBuild={}", opts_.fromBuild)};
          params.insert(params.end(), opts_.lusParams.begin(), opts_.lusParams.end());
          for (const auto &p : ParamsFor(opts_.moduleParams, "lus", opts_.toBuild)) params.push_back(p);
-         // lus logs each client callback's duration at level 5: the report's
-         // callback table needs them, for about 6% more blackout at 16,384
-         // ports (docs/ARCHITECTURE.md).  A level the user gives wins.
-         if (std::none_of(params.begin(), params.end(), [](const std::string &p) { return p.rfind("lusLogLevel=", 0) == 0; })) {
+         // In the per-portset flow lus logs each client callback's duration at
+         // level 5, which the report's callback table needs.  Level 5 cost about
+         // 6% more blackout CPU at 16,384 ports (docs/ARCHITECTURE.md); the
+         // classic paths time no callback, so they keep the default.  A level
+         // the user gives wins.
+         if (opts_.kind == FlowOptions::kPortset &&
+             std::none_of(params.begin(), params.end(), [](const std::string &p) { return p.rfind("lusLogLevel=", 0) == 0; })) {
             params.push_back("lusLogLevel=5");
          }
          hyk_Status s = host_.LoadModule(fmt::format("lus-{}", opts_.toBuild), params, &error);

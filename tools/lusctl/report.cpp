@@ -84,6 +84,7 @@ std::string CallbackOf(const std::string &function) {
       {"LUS_SaveState", "getRuntimeState"},      {"LUS_SaveStateV1", "getRuntimeState"},
       {"LUSPerPortUpgradeSave", "getRuntimeState"}, {"lusRestoreV1", "runtimeRestore"},
       {"lusGetRestoreState", "runtimeRestore"},  {"LUS_PreDualLoad", "preDualLoad"},
+      {"lusPsLogDuration", "upgrade-world pass"},
    };
    auto it = names.find(function);
    return it == names.end() ? function : it->second;
@@ -550,8 +551,11 @@ void PrintTables(std::ostream &out, const Report &r, size_t worstPorts) {
                          p.hostUS / 1000.0, p.moduleSec < 0 ? std::string("-") : std::to_string(p.moduleSec),
                          p.overBudget ? "OVER" : "ok", p.blocked ? "blocked" : (p.passes ? "passes" : "held"));
    }
-   if (!r.callbackStats.empty()) {
-      out << "\nclient callbacks (lus's duration lines, level 5)\n";
+   if (r.callbackStats.empty() && r.flow == "classic") {
+      // The classic (interface version 0) paths time no callback in lus.
+      out << "\nclient callbacks: lus logs their durations only in the per-portset flow\n";
+   } else if (!r.callbackStats.empty()) {
+      out << "\nclient callbacks (lus's duration lines, level 5; whole milliseconds)\n";
       out << fmt::format("  {:<16} {:<18} {:>8} {:>10} {:>8} {:>8} {:>8}\n", "client", "callback", "count",
                          "total ms", "p50 ms", "p99 ms", "max ms");
       for (const auto &c : r.callbackStats) {

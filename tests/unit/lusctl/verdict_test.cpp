@@ -3,7 +3,12 @@
 // that finished with something wrong, exit 1 for a failed step, exit 2 for
 // bad usage -- and the checks a flow makes before it touches a port, its undo
 // before the point of no return, and per-module parameters.
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "lusctl_fixture.h"
 
@@ -207,6 +212,37 @@ TEST_F(LusctlVerdictTest, ThePortsetFlowUndoesAFailureBeforeItsFirstPortsetUpgra
    EXPECT_FALSE(Loaded("lus"));
    EXPECT_FALSE(Loaded("tarnq-dfw-2000"));
    EXPECT_TRUE(Loaded("tarnq-dfw-1000"));
+}
+
+// The per-portset flow runs lus at log level 5: the report has a callback
+// table per client and callback, and the trace a track per client.
+TEST_F(LusctlVerdictTest, ThePortsetFlowReportsEveryClientsCallbacks) {
+   OldHost({{"ps0", 6}}, {}, 0, true);
+   const std::string trace = fmt::format("{}/verdict-trace-{}.json", ::testing::TempDir(), getpid());
+   CliRun r = Run({"--json", "upgrade", "portset", "--from-build", "1000", "--to-build", "2000", "--portset", "ps0",
+                   "--module-param", "seed=7", "--trace", trace});
+   EXPECT_EQ(r.code, 0) << r.out << r.err;
+   json j = json::parse(r.out);
+   std::map<std::string, uint64_t> counts;
+   for (const auto &c : j["callbacks"]) {
+      counts[c["client"].get<std::string>() + " " + c["callback"].get<std::string>()] += c["count"].get<uint64_t>();
+      EXPECT_LE(c["p50MS"].get<uint64_t>(), c["maxMS"].get<uint64_t>());
+   }
+   EXPECT_GE(counts["tarnq-dfw getSize"], 6u);
+   EXPECT_GE(counts["tarnq-vswitch getRuntimeState"], 6u);
+   EXPECT_EQ(counts["tarnq-dfw preDualLoad"], 1u);
+   std::ifstream f(trace);
+   json t = json::parse(f);
+   std::set<std::string> tracks;
+   size_t callbacks = 0;
+   for (const auto &e : t["traceEvents"]) {
+      if (e["pid"] != 3) continue;
+      if (e["ph"] == "M" && e["name"] == "thread_name") tracks.insert(e["args"]["name"].get<std::string>());
+      callbacks += e["ph"] == "X";
+   }
+   EXPECT_TRUE(tracks.count("tarnq-dfw")) << t.dump();
+   EXPECT_GE(callbacks, 12u);
+   std::remove(trace.c_str());
 }
 
 }  // namespace

@@ -209,7 +209,9 @@ class Recovery {
          return steps;
       }
       *why = fmt::format("forward to build {}: the old build no longer holds the state", o_.toBuild);
-      steps.push_back({"unload old build", UINT32_MAX, [this](std::string *d) { return UnloadOldRest(d); }});
+      if (!o_.portsetFlow) {
+         steps.push_back({"unload old build", UINT32_MAX, [this](std::string *d) { return UnloadOldRest(d); }});
+      }
       if (o_.portsetFlow) {
          if (s.lusLoaded) {
             steps.push_back({"open device", UINT32_MAX, [this](std::string *d) { return Open(d); }});
@@ -218,7 +220,14 @@ class Recovery {
             steps.push_back({"restore-complete", LUS_IOCTL_RESTORE_COMPLETE,
                              [this](std::string *) { return Issue(LUS_IOCTL_RESTORE_COMPLETE, {}); }});
             steps.push_back({"close device", UINT32_MAX, [this](std::string *d) { return Close(d); }});
+            // As the flow ends: unloading lus clears and unregisters every client.
+            steps.push_back({"unload lus", UINT32_MAX, [this](std::string *d) {
+                                *d = "the unload clears and unregisters every client";
+                                return host_.UnloadModule("lus");
+                             }});
          }
+         // The old build goes last, once lus no longer holds it.
+         steps.push_back({"unload old build", UINT32_MAX, [this](std::string *d) { return UnloadOldRest(d); }});
       } else if (s.lusLoaded && s.stateBytes != 0 && !blockedPortsets.empty()) {
          // The new build's clients are matched to the saved records again (the
          // flow may have stopped before it did so); matching twice is harmless.

@@ -257,6 +257,14 @@ TEST_F(LusctlFlowTest, PortsetFlowFailsAtEachStepWithTheStepNamed) {
       EXPECT_EQ(res.failedStep, index);
       EXPECT_EQ(res.steps.back().name, f.step);
       EXPECT_NE(res.steps.back().status, static_cast<hyk_Status>(HYK_OK));
+      // Before the first portset upgrade the flow undoes itself: no lus is left.
+      EXPECT_EQ(res.pointOfNoReturnName, "ps-upgrade ps0");
+      const bool before = index < res.pointOfNoReturn;
+      EXPECT_EQ(res.rolledBack, before);
+      if (before) {
+         EXPECT_FALSE(hyksim::FindModule("lus").has_value());
+         EXPECT_FALSE(hyksim::FindModule("tarnq-dfw-2000").has_value());
+      }
       holderClient.reset();
       holder.reset();
    }

@@ -173,5 +173,30 @@ TEST_F(LusctlRecoverTest, APortWhoseStateTheClearTimerDroppedIsLostUntilGivenUp)
    ExpectClean();
 }
 
+// The per-portset flow stopped past its point of no return (its fast
+// datapath switch fails): `recover --flow portset` finishes it.
+TEST_F(LusctlRecoverTest, RecoverFinishesAPortsetFlowStoppedAfterItsPortsetUpgrade) {
+   OldHost({{"ps0", 4}}, {}, 0, true);
+   std::string error;
+   ASSERT_EQ(host_->LoadModule("tarnq-stub-vswitch-1000", {}, &error), HYK_OK);
+   ASSERT_EQ(host_->LoadModule("tarnq-fdp-1000", {}, &error), HYK_OK);
+   hyksim::FaultSpec f;
+   f.op = "hyk_FdpSwitchCommand";
+   f.nth = 1;
+   hyksim::InjectFault(f);
+   CliRun flow = Run({"upgrade", "portset", "--from-build", "1000", "--to-build", "2000", "--portset", "ps0",
+                      "--module-param", "seed=7"});
+   hyksim::ClearFaults();
+   EXPECT_EQ(flow.code, 1) << flow.out;
+   Has(flow, "past the point of no return (step 8 'ps-upgrade ps0')");
+   EXPECT_TRUE(hyksim::FindModule("lus").has_value());
+   CliRun r = Run(With(kRecover, {"--flow", "portset"}));
+   EXPECT_EQ(r.code, 0) << r.out << r.err;
+   Has(r, "forward to build 2000");
+   EXPECT_FALSE(hyksim::FindModule("lus").has_value());
+   EXPECT_FALSE(hyksim::FindModule("tarnq-dfw-1000").has_value());
+   ExpectClean();
+}
+
 }  // namespace
 }  // namespace lustest

@@ -513,9 +513,41 @@ void PrintSummary(std::ostream &out, const Report &r) {
    }
 }
 
+namespace {
+
+void PrintPortTable(std::ostream &out, const Report &r, size_t worstPorts) {
+   // Ports left blocked first, then the longest outages: a port that never
+   // came back must not hide behind ports of equal (virtual) time.
+   std::vector<PortRow> ports;
+   for (const auto &p : r.ports) {
+      if (p.everBlocked) ports.push_back(p);
+   }
+   if (ports.empty()) return;
+   std::sort(ports.begin(), ports.end(), [](const PortRow &a, const PortRow &b) {
+      if (a.blocked != b.blocked) return a.blocked;
+      return a.hostUS != b.hostUS ? a.hostUS > b.hostUS : a.port < b.port;
+   });
+   const size_t n = std::min(worstPorts, ports.size());
+   out << fmt::format("\nports left blocked, then the longest outages ({} of the {} blocked; every port is in "
+                      "--report-json)\n",
+                      n, ports.size());
+   out << fmt::format("  {:<14} {:>8} {:<22} {:>4} {:>12} {:>8} {:>7} {:>8}\n", "port", "id", "vm", "vnic",
+                      "host (ms)", "lus (s)", "budget", "now");
+   for (size_t i = 0; i < n; i++) {
+      const auto &p = ports[i];
+      out << fmt::format("  {:<14} {:>8} {:<22} {:>4} {:>12.3f} {:>8} {:>7} {:>8}\n", p.name, p.port,
+                         p.vm.empty() ? "-" : p.vm, p.vnic < 0 ? std::string("-") : std::to_string(p.vnic),
+                         p.hostUS / 1000.0, p.moduleSec < 0 ? std::string("-") : std::to_string(p.moduleSec),
+                         p.overBudget ? "OVER" : "ok", p.blocked ? "blocked" : (p.passes ? "passes" : "held"));
+   }
+}
+
+}  // namespace
+
 void PrintTables(std::ostream &out, const Report &r, size_t worstPorts) {
    // A host that went away told nothing more than the steps.
    const bool hostKnown = r.result.hostError.empty() || !r.ports.empty();
+   if (!r.result.refusals.empty()) return;   // nothing was done
    out << "\nsteps\n";
    for (const auto &s : r.result.steps) {
       out << fmt::format("  {:>2}  {:<28} {:<30} {:<28} {:>9.3f} ms  {}\n", s.index, s.name,
@@ -532,25 +564,7 @@ void PrintTables(std::ostream &out, const Report &r, size_t worstPorts) {
                          cell(c.mismatched), cell(c.refused),
                          fmt::format("{} / {}", c.droppedPorts, Thousands(c.droppedBytes)));
    }
-   // Ports left blocked first, then the longest outages: a port that never
-   // came back must not hide behind ports of equal (virtual) time.
-   std::vector<PortRow> ports = r.ports;
-   std::sort(ports.begin(), ports.end(), [](const PortRow &a, const PortRow &b) {
-      if (a.blocked != b.blocked) return a.blocked;
-      return a.hostUS != b.hostUS ? a.hostUS > b.hostUS : a.port < b.port;
-   });
-   const size_t n = std::min(worstPorts, ports.size());
-   out << fmt::format("\nports left blocked, then the longest outages ({} of {}; every port is in --report-json)\n",
-                      n, ports.size());
-   out << fmt::format("  {:<14} {:>8} {:<22} {:>4} {:>12} {:>8} {:>7} {:>8}\n", "port", "id", "vm", "vnic",
-                      "host (ms)", "lus (s)", "budget", "now");
-   for (size_t i = 0; i < n; i++) {
-      const auto &p = ports[i];
-      out << fmt::format("  {:<14} {:>8} {:<22} {:>4} {:>12.3f} {:>8} {:>7} {:>8}\n", p.name, p.port,
-                         p.vm.empty() ? "-" : p.vm, p.vnic < 0 ? std::string("-") : std::to_string(p.vnic),
-                         p.hostUS / 1000.0, p.moduleSec < 0 ? std::string("-") : std::to_string(p.moduleSec),
-                         p.overBudget ? "OVER" : "ok", p.blocked ? "blocked" : (p.passes ? "passes" : "held"));
-   }
+   PrintPortTable(out, r, worstPorts);
    if (r.callbackStats.empty() && r.flow == "classic") {
       // The classic (interface version 0) paths time no callback in lus.
       out << "\nclient callbacks: lus logs their durations only in the per-portset flow\n";

@@ -400,6 +400,7 @@ struct Sink {
    uint64_t formatted = 0;  // queued records formatted so far
    uint64_t nextSeq = 1;
    FILE *file = nullptr;
+   std::string fileError;   // the first failure to open or write the log file
 };
 
 Queue &TheQueue() {
@@ -429,6 +430,14 @@ void WriteFileLine(Sink &s, const LogLine &line) {
       return;
    }
    fprintf(s.file, "%s%s\n", line.warning ? "WARNING: " : "", line.text.c_str());
+}
+
+// Under s.mu.  A write that failed (a full disk) is kept to be reported:
+// a log file with lines missing must not pass for a whole one.
+void FlushFile(Sink &s) {
+   if (s.file != nullptr && (fflush(s.file) != 0 || ferror(s.file)) && s.fileError.empty()) {
+      s.fileError = core::LogFilePath() + ": " + strerror(errno);
+   }
 }
 
 // Under s.mu.
@@ -539,9 +548,7 @@ void LoggerMain() {
          batchFormats.swap(q.keptFormats);
       }
       s.formatted += FormatBatch(s, batch, q.anchor);
-      if (s.file != nullptr) {
-         fflush(s.file);
-      }
+      FlushFile(s);
       s.doneCv.notify_all();
       sinkLock.unlock();
       batchFormats.clear();
@@ -608,9 +615,7 @@ void FormatNow(const Stamp &stamp, std::string_view component, int32_t level, bo
    Sink &s = TheSink();
    std::lock_guard<std::mutex> lk(s.mu);
    AppendLine(s, Line{component, level, warning, fmt, data, timeUS});
-   if (s.file != nullptr) {
-      fflush(s.file);
-   }
+   FlushFile(s);
 }
 
 // The caller's scratch space for captured arguments when it formats its
@@ -762,6 +767,12 @@ size_t LogCount(const std::string &needle) {
 
 bool LogContains(const std::string &needle) { return LogCount(needle) != 0; }
 
+std::string LogFileError() {
+   FlushLog();
+   std::lock_guard<std::mutex> lk(TheSink().mu);
+   return TheSink().fileError;
+}
+
 void LogClear() {
    FlushLog();
    std::lock_guard<std::mutex> lk(TheSink().mu);
@@ -816,8 +827,10 @@ void LogStart() {
    std::string path = LogFilePath();
    {
       std::lock_guard<std::mutex> lk(TheSink().mu);
+      TheSink().fileError.clear();
       if (!path.empty()) {
          TheSink().file = fopen(path.c_str(), "w");
+         if (TheSink().file == nullptr) TheSink().fileError = path + ": " + strerror(errno);
       }
    }
    Queue &q = TheQueue();
@@ -846,7 +859,10 @@ void LogStop() {
    q.thread.join();
    std::lock_guard<std::mutex> lk(TheSink().mu);
    if (TheSink().file != nullptr) {
-      fclose(TheSink().file);
+      FlushFile(TheSink());
+      if (fclose(TheSink().file) != 0 && TheSink().fileError.empty()) {
+         TheSink().fileError = LogFilePath() + ": " + strerror(errno);
+      }
       TheSink().file = nullptr;
    }
 }

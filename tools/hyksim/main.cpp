@@ -4,24 +4,23 @@
 //   hyksim run FILE... [--seed N] [--log-file F] [--report-dir D]
 //   hyksim shell [--seed N] [--log-file F]
 //   hyksim demo [--report-dir D]
-//   hyksim serve --socket PATH [FILE]
+//   hyksim serve --socket PATH [FILE] [--allow-group G] [--max-...]
+//
+// Every number of the command line is read with the one parser of input.h:
+// a value out of range or malformed is bad usage (exit 2), never wrapped.
 #include <editline/readline.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <grp.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <atomic>
 #include <cstring>
 #include <iostream>
-#include <mutex>
-#include <sstream>
-#include <thread>
 
+#include "input.h"
 #include "scenario.h"
+#include "server.h"
 
 #ifndef HYKSIM_MODULE_DIR
 #define HYKSIM_MODULE_DIR "modules"
@@ -33,16 +32,34 @@
 namespace {
 
 struct Common {
+   hyksimtool::ScenarioOptions limits;   // the host's limits (--max-ports, ...)
    uint64_t seed = 7;
    std::string logFile;
    std::string reportDir = ".";
    std::string moduleDir = HYKSIM_MODULE_DIR;
 };
 
-void StartHost(const Common &c) {
+// Starts the host; false (said on stderr) when its log file cannot be written.
+bool StartHost(const Common &c) {
    hyksim::HostOptions o;
    o.logFile = c.logFile;
    hyksim::HostStart(o);
+   const std::string why = hyksim::LogFileError();
+   if (!why.empty()) {
+      std::cerr << "hyksim: --log-file " << why << "\n";
+      hyksim::HostStop();
+      return false;
+   }
+   return true;
+}
+
+// Stops the host; false (said on stderr) when a line could not be written to its log file.
+bool StopHost() {
+   hyksim::HostStop();
+   const std::string why = hyksim::LogFileError();
+   if (why.empty()) return true;
+   std::cerr << "hyksim: --log-file " << why << "\n";
+   return false;
 }
 
 hyksimtool::ScenarioOptions Options(const Common &c) {
@@ -50,20 +67,38 @@ hyksimtool::ScenarioOptions Options(const Common &c) {
    o.moduleDir = c.moduleDir;
    o.reportDir = c.reportDir;
    o.seed = c.seed;
+   o.maxPorts = c.limits.maxPorts;
+   o.maxPortsets = c.limits.maxPortsets;
+   o.maxTakeoverThreads = c.limits.maxTakeoverThreads;
+   o.maxLineBytes = c.limits.maxLineBytes;
    return o;
+}
+
+// A whole-number option read with input.h's parser; CLI11 reports its error.
+template <typename T>
+CLI::Option *AddWhole(CLI::App *app, const std::string &name, T *into, T min, T max, const std::string &help) {
+   return app
+      ->add_option_function<std::string>(
+         name,
+         [into, name, min, max](const std::string &v) {
+            std::string error;
+            if (!lusinput::ParseWhole<T>(v, name, min, max, into, &error)) throw CLI::ValidationError(error);
+         },
+         fmt::format("{} (default {})", help, *into))
+      ->type_name("N");
 }
 
 // Each file on a fresh host; exit 0 only when every file passed.
 int Run(const Common &c, const std::vector<std::string> &files) {
    int failed = 0;
    for (const auto &file : files) {
-      StartHost(c);
+      if (!StartHost(c)) return 1;
       std::cout << fmt::format("== {} (seed {})\n", file, c.seed);
       hyksimtool::Interpreter interp(Options(c), std::cout);
       const bool ok = interp.RunFile(file);
       std::cout << fmt::format("== {}: {}\n", file, ok ? "passed" : "FAILED");
       failed += ok ? 0 : 1;
-      hyksim::HostStop();
+      if (!StopHost()) return 1;
    }
    if (files.size() > 1) std::cout << fmt::format("{} of {} scenarios passed\n", files.size() - failed, files.size());
    return failed == 0 ? 0 : 1;
@@ -94,7 +129,7 @@ char **Complete(const char *text, int start, int end) {
 }
 
 int Shell(const Common &c) {
-   StartHost(c);
+   if (!StartHost(c)) return 1;
    hyksimtool::Interpreter interp(Options(c), std::cout);
    gShell = &interp;
    rl_attempted_completion_function = Complete;
@@ -119,96 +154,8 @@ int Shell(const Common &c) {
    write_history(history.c_str());
    std::cout << "\n";
    gShell = nullptr;
-   hyksim::HostStop();
+   if (!StopHost()) return 1;
    return failures == 0 ? 0 : 1;
-}
-
-// ---- the host as a server -----------------------------------------------------------------
-
-// The host of this process, served on a Unix socket to tools of other
-// processes: the scenario language for host-side actions, and the device.
-// Connections are served at once, but requests one at a time: a request
-// waits for the one before it to finish.  A connection that goes away (even
-// in the middle of a request) loses only its own device, which is closed.
-int Serve(const Common &c, const std::string &socketPath, const std::string &topology) {
-   signal(SIGPIPE, SIG_IGN);
-   StartHost(c);
-   std::ostringstream scenarioOut;
-   hyksimtool::Interpreter interp(Options(c), scenarioOut);
-   if (!topology.empty() && !interp.RunFile(topology)) {
-      std::cerr << scenarioOut.str();
-      hyksim::HostStop();
-      return 1;
-   }
-   auto host = lusctl::MakeSimHost(c.moduleDir);
-   std::mutex one;   // one request at a time
-
-   int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
-   sockaddr_un addr{};
-   addr.sun_family = AF_UNIX;
-   if (lfd < 0 || socketPath.size() >= sizeof(addr.sun_path)) {
-      std::cerr << "hyksim serve: bad socket path " << socketPath << "\n";
-      return 2;
-   }
-   std::strcpy(addr.sun_path, socketPath.c_str());
-   unlink(socketPath.c_str());
-   if (bind(lfd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(lfd, 8) != 0) {
-      std::cerr << "hyksim serve: cannot listen on " << socketPath << ": " << std::strerror(errno) << "\n";
-      return 1;
-   }
-   std::cout << fmt::format("hyksim serve: host ready on {} (seed {})", socketPath, c.seed) << std::endl;
-
-   std::atomic<bool> stop{false};
-   std::vector<std::thread> sessions;
-   while (!stop) {
-      int fd = accept(lfd, nullptr, nullptr);
-      if (fd < 0) break;
-      sessions.emplace_back([&, fd] {
-         lusctl::ServerSession session;
-         session.host = host.get();
-         session.scenario = [&](const std::string &line, std::string *output) {
-            std::string why = interp.Execute(line);
-            *output = scenarioOut.str();
-            scenarioOut.str("");
-            return why;
-         };
-         std::string buffered;
-         char buf[65536];
-         for (;;) {
-            auto nl = buffered.find('\n');
-            if (nl == std::string::npos) {
-               ssize_t n = recv(fd, buf, sizeof buf, 0);
-               if (n <= 0) break;
-               buffered.append(buf, static_cast<size_t>(n));
-               continue;
-            }
-            std::string line = buffered.substr(0, nl);
-            buffered.erase(0, nl + 1);
-            bool shutdownNow = false;
-            std::string answer;
-            {
-               std::lock_guard<std::mutex> lk(one);
-               answer = lusctl::HandleRequest(session, line, &shutdownNow) + "\n";
-            }
-            send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
-            if (shutdownNow) {
-               stop = true;
-               shutdown(lfd, SHUT_RDWR);
-               break;
-            }
-         }
-         std::lock_guard<std::mutex> lk(one);
-         if (session.device) session.device->Close();
-         session.device.reset();
-         close(fd);
-      });
-   }
-   for (auto &t : sessions) t.join();
-   close(lfd);
-   unlink(socketPath.c_str());
-   hyksim::HostStop();
-   std::cout << "hyksim serve: stopped" << std::endl;
-   return 0;
 }
 
 }  // namespace
@@ -218,30 +165,72 @@ int main(int argc, char **argv) {
    app.require_subcommand(1);
    Common c;
    auto common = [&c](CLI::App *s) {
-      s->add_option("--seed", c.seed, "seed of the client modules' state and of random faults")->capture_default_str();
+      AddWhole<uint64_t>(s, "--seed", &c.seed, 0, UINT32_MAX, "seed of the client modules' state and of random faults");
       s->add_option("--log-file", c.logFile, "also write the host log to FILE");
       s->add_option("--module-dir", c.moduleDir, "where lus and the client modules are")->capture_default_str();
+   };
+   // What one host may be asked to hold (a line of a file or of a peer is bounded too).
+   auto limits = [&c](CLI::App *s) {
+      auto &l = c.limits;
+      AddWhole<uint64_t>(s, "--max-ports", &l.maxPorts, 0, 1u << 24, "ports the host may hold, in all portsets");
+      AddWhole<uint32_t>(s, "--max-portsets", &l.maxPortsets, 0, 65536, "portsets the host may hold");
+      AddWhole<uint32_t>(s, "--max-takeover-threads", &l.maxTakeoverThreads, 1, 1024,
+                         "host threads one takeover may use");
+      AddWhole<size_t>(s, "--max-line-bytes", &l.maxLineBytes, 1, size_t{1} << 30,
+                       "bytes of a line of a scenario file (and of a request, for serve)");
    };
    std::vector<std::string> files;
    auto *run = app.add_subcommand("run", "run scenario files, each on a fresh host; exit 0 only when all pass");
    run->add_option("FILE", files, "a .hyk scenario")->required()->check(CLI::ExistingFile);
    run->add_option("--report-dir", c.reportDir, "where 'report json=... trace=... chart=...' writes")->capture_default_str();
    common(run);
+   limits(run);
    auto *shell = app.add_subcommand("shell", "type the scenario language at a prompt (line editing, history, Tab)");
    common(shell);
+   limits(shell);
    auto *demo = app.add_subcommand("demo", "run the demo: a classic upgrade of about 200 ports (scenarios/demo-classic.hyk)");
    demo->add_option("--report-dir", c.reportDir, "where the report, trace and chart go")->capture_default_str();
    common(demo);
-   std::string socketPath, topology;
+   std::string socketPath, topology, allowGroup;
+   hyksimtool::ServeOptions so;
    auto *serve = app.add_subcommand("serve", "serve the host on a Unix socket to tools of other processes "
-                                             "(lusctl --host PATH)");
+                                             "(lusctl --host PATH); only its owner may use it");
    serve->add_option("--socket", socketPath, "the socket's path")->required();
    serve->add_option("FILE", topology, "a scenario that builds the host first")->check(CLI::ExistingFile);
+   serve->add_option("--allow-group", allowGroup, "also serve peers of this group (a name or a number)");
+   AddWhole<uint32_t>(serve, "--max-connections", &so.maxConnections, 1, 4096, "connections served at once");
    common(serve);
-   CLI11_PARSE(app, argc, argv);
+   limits(serve);
+   try {
+      app.parse(argc, argv);
+   } catch (const CLI::ParseError &e) {
+      const int code = app.exit(e);
+      return code == 0 ? 0 : 2;
+   }
 
    if (*run) return Run(c, files);
    if (*shell) return Shell(c);
-   if (*serve) return Serve(c, socketPath, topology);
+   if (*serve) {
+      so.socketPath = socketPath;
+      so.topology = topology;
+      so.scenario = Options(c);
+      so.maxLineBytes = c.limits.maxLineBytes;
+      if (!allowGroup.empty()) {
+         gid_t gid = 0;
+         std::string error;
+         group *g = getgrnam(allowGroup.c_str());
+         if (g != nullptr) {
+            gid = g->gr_gid;
+         } else if (!lusinput::ParseWhole<gid_t>(allowGroup, "--allow-group", 0, UINT32_MAX - 1, &gid, &error)) {
+            std::cerr << "hyksim serve: --allow-group: no group " << lusinput::Quoted(allowGroup) << "\n";
+            return 2;
+         }
+         so.allowGroup = gid;
+      }
+      if (!StartHost(c)) return 1;
+      int code = hyksimtool::Serve(so, std::cout, std::cerr);
+      if (!StopHost()) code = 1;
+      return code;
+   }
    return Run(c, {std::string(HYKSIM_SCENARIO_DIR) + "/demo-classic.hyk"});
 }

@@ -4,13 +4,18 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
+#include <grp.h>
+
 #include <array>
+#include <functional>
+#include <iostream>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -45,6 +50,21 @@ class Connection {
       Send(request);
       return Receive();
    }
+   void SendRaw(const std::string &bytes) {
+      size_t at = 0;
+      while (at < bytes.size()) {
+         ssize_t n = send(fd_, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+         if (n <= 0) return;
+         at += static_cast<size_t>(n);
+      }
+   }
+   // True once the server has closed the connection (waits for it).
+   bool ClosedByPeer() {
+      char c;
+      const ssize_t n = recv(fd_, &c, 1, 0);
+      return n == 0 || (n < 0 && errno == ECONNRESET);
+   }
+   int fd() const { return fd_; }
    void Close() {
       if (fd_ >= 0) close(fd_);
       fd_ = -1;
@@ -70,11 +90,18 @@ class ServeTest : public ::testing::Test {
       StartServer();
    }
 
-   void StartServer() {
+   // Starts the server with `extra` options, from a process whose umask is `mask`.
+   void StartServer(const std::vector<std::string> &extra = {}, mode_t mask = 022) {
       server_ = fork();
       if (server_ == 0) {
-         execl(HYKSIM_PROGRAM, "hyksim", "serve", "--socket", socket_.c_str(), "--module-dir",
-               LUS_MODULES_DIR, topology_.c_str(), (char *)nullptr);
+         umask(mask);
+         std::vector<std::string> all = {"hyksim", "serve", "--socket", socket_, "--module-dir", LUS_MODULES_DIR,
+                                         topology_};
+         all.insert(all.end(), extra.begin(), extra.end());
+         std::vector<char *> argv;
+         for (auto &a : all) argv.push_back(a.data());
+         argv.push_back(nullptr);
+         execv(HYKSIM_PROGRAM, argv.data());
          _exit(127);
       }
       // Ready once it answers.
@@ -87,9 +114,9 @@ class ServeTest : public ::testing::Test {
    }
    void TearDown() override { StopServer(); }
 
-   void StopServer() {
+   void StopServer(bool removeDir = true) {
       if (server_ < 0) {
-         std::system(("rm -rf " + dir_).c_str());
+         if (removeDir) std::system(("rm -rf " + dir_).c_str());
          return;
       }
       Connection c;
@@ -106,7 +133,12 @@ class ServeTest : public ::testing::Test {
          EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
       }
       server_ = -1;
-      std::system(("rm -rf " + dir_).c_str());
+      if (removeDir) std::system(("rm -rf " + dir_).c_str());
+   }
+
+   void RestartServer(const std::vector<std::string> &extra, mode_t mask = 022) {
+      StopServer(false);
+      StartServer(extra, mask);
    }
 
    // Starts lusctl against the served host with its output on a pipe.
@@ -389,6 +421,353 @@ TEST_F(ServeTest, MistypedRequestsAreRefusedAndTheServerGoesOn) {
       EXPECT_TRUE(a.contains("error")) << bad.dump() << " -> " << a.dump();
    }
    EXPECT_TRUE(c.Call({{"op", "hello"}}).contains("host"));
+}
+
+// ---- who may drive the host ----------------------------------------------------------------
+
+// Runs `body` in a child process as `uid`/`gid` (no supplementary groups);
+// returns its exit code.  Only root can change its user.
+int RunAs(uid_t uid, gid_t gid, const std::function<int()> &body) {
+   pid_t pid = fork();
+   if (pid == 0) {
+      if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(99);
+      _exit(body());
+   }
+   int status = 0;
+   waitpid(pid, &status, 0);
+   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs the server program to its end (it must refuse to start; `timeout`
+// ends one that serves after all); returns its exit code and output.
+int ServeOnce(const std::string &args, std::string *out) {
+   const std::string cmd = fmt::format("timeout 60 {} serve --module-dir {} {} 2>&1", HYKSIM_PROGRAM, LUS_MODULES_DIR, args);
+   FILE *p = popen(cmd.c_str(), "r");
+   std::array<char, 4096> buf;
+   size_t n;
+   while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) out->append(buf.data(), n);
+   const int status = pclose(p);
+   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(ServeTest, TheSocketIsTheOwnersAloneWhateverTheUmask) {
+   RestartServer({}, 0);
+   struct stat st {};
+   ASSERT_EQ(lstat(socket_.c_str(), &st), 0);
+   EXPECT_TRUE(S_ISSOCK(st.st_mode));
+   EXPECT_EQ(st.st_mode & 07777, 0600u);
+   EXPECT_EQ(st.st_uid, geteuid());
+}
+
+TEST_F(ServeTest, AStrangerCanNeitherConnectNorDriveTheHost) {
+   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a peer as another user";
+   const uid_t nobody = 65534;
+   // Through the file's permissions: the socket is 0600.
+   EXPECT_EQ(RunAs(nobody, nobody, [this] {
+                Connection c;
+                return c.Connect(socket_) ? 1 : (errno == EACCES ? 0 : 2);
+             }),
+             0);
+   // And through the credentials, should the file be opened up: refused, and
+   // its shutdown never reaches the host.
+   ASSERT_EQ(chmod(socket_.c_str(), 0666), 0);
+   ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+   EXPECT_EQ(RunAs(nobody, nobody, [this] {
+                Connection c;
+                if (!c.Connect(socket_)) return 3;
+                c.SendRaw(R"({"op":"shutdown"})" "\n");
+                json a = c.Receive();
+                if (!a.is_object() || a.value("error", "").find("refused: uid 65534") != 0) return 4;
+                if (a.value("error", "").find("is not the host's owner (uid 0)") == std::string::npos) return 5;
+                return c.ClosedByPeer() ? 0 : 6;
+             }),
+             0);
+   Connection owner;
+   ASSERT_TRUE(owner.Connect(socket_));
+   EXPECT_TRUE(owner.Call({{"op", "hello"}}).contains("host"));
+}
+
+TEST_F(ServeTest, AnAllowedGroupGetsInAndNoOtherGroup) {
+   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a peer as another user";
+   RestartServer({"--allow-group", "4242"});
+   struct stat st {};
+   ASSERT_EQ(lstat(socket_.c_str(), &st), 0);
+   EXPECT_EQ(st.st_mode & 07777, 0660u);
+   EXPECT_EQ(st.st_gid, 4242u);
+   ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+   auto hello = [this] {
+      Connection c;
+      if (!c.Connect(socket_)) return 10 + (errno == EACCES ? 1 : 2);
+      c.SendRaw(R"({"op":"hello"})" "\n");   // not Send: no assertion in the child
+      json a = c.Receive();
+      if (a.contains("host")) return 0;
+      return a.value("error", "").find("nor of group 4242") != std::string::npos ? 20 : 30;
+   };
+   EXPECT_EQ(RunAs(65534, 4242, hello), 0);
+   // Another group cannot even open the socket file; its credentials would be refused too.
+   EXPECT_EQ(RunAs(65534, 4343, hello), 11);
+   ASSERT_EQ(chmod(socket_.c_str(), 0666), 0);
+   EXPECT_EQ(RunAs(65534, 4343, hello), 20);
+}
+
+TEST_F(ServeTest, APathThatIsNotAStaleSocketIsNeverTaken) {
+   std::string out;
+   // A regular file stays as it is.
+   const std::string file = dir_ + "/precious";
+   std::ofstream(file) << "keep me\n";
+   EXPECT_EQ(ServeOnce("--socket " + file, &out), 1) << out;
+   EXPECT_NE(out.find(file + " exists and is a regular file, not a socket: it is left as it is"), std::string::npos)
+      << out;
+   std::ifstream in(file);
+   std::string kept;
+   std::getline(in, kept);
+   EXPECT_EQ(kept, "keep me");
+   // So does a symbolic link, even to a socket.
+   const std::string link = dir_ + "/link";
+   ASSERT_EQ(symlink(socket_.c_str(), link.c_str()), 0);
+   out.clear();
+   EXPECT_EQ(ServeOnce("--socket " + link, &out), 1) << out;
+   EXPECT_NE(out.find("is a symbolic link, not a socket"), std::string::npos) << out;
+   // A live server's socket is not taken over: the first server goes on serving.
+   out.clear();
+   EXPECT_EQ(ServeOnce("--socket " + socket_, &out), 1) << out;
+   EXPECT_NE(out.find("a server is live on " + socket_ + ": it is left serving"), std::string::npos) << out;
+   Connection c;
+   ASSERT_TRUE(c.Connect(socket_));
+   EXPECT_TRUE(c.Call({{"op", "hello"}}).contains("host"));
+   // A stale socket (its server gone without removing it) is taken.
+   const std::string stale = dir_ + "/stale.sock";
+   int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+   sockaddr_un addr{};
+   addr.sun_family = AF_UNIX;
+   std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", stale.c_str());
+   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+   close(fd);
+   StopServer(false);
+   socket_ = stale;
+   StartServer();
+   Connection d;
+   ASSERT_TRUE(d.Connect(stale));
+   EXPECT_TRUE(d.Call({{"op", "hello"}}).contains("host"));
+}
+
+TEST_F(ServeTest, ADirectoryOthersCanWriteIsRefusedUnlessSticky) {
+   const std::string open = dir_ + "/open";
+   ASSERT_EQ(mkdir(open.c_str(), 0700), 0);
+   ASSERT_EQ(chmod(open.c_str(), 0777), 0);
+   std::string out;
+   EXPECT_EQ(ServeOnce("--socket " + open + "/h.sock", &out), 1) << out;
+   EXPECT_NE(out.find("the socket's directory " + open + " is writable by others (mode 777) and not sticky"),
+             std::string::npos) << out;
+   struct stat st {};
+   EXPECT_NE(lstat((open + "/h.sock").c_str(), &st), 0);
+   // Sticky, as /tmp is: no one else can remove or rename what is ours there.
+   ASSERT_EQ(chmod(open.c_str(), 01777), 0);
+   StopServer(false);
+   socket_ = open + "/h.sock";
+   StartServer();
+   Connection c;
+   ASSERT_TRUE(c.Connect(socket_));
+   EXPECT_TRUE(c.Call({{"op", "hello"}}).contains("host"));
+}
+
+// ---- the server survives every request --------------------------------------------------------
+
+TEST_F(ServeTest, EachInputOfTheReportGetsAClearErrorAndTheOthersAreStillServed) {
+   Connection other;
+   ASSERT_TRUE(other.Connect(socket_));
+   Connection c;
+   ASSERT_TRUE(c.Connect(socket_));
+   for (const char *raw : {R"({"op":1})", "null", "[]", "{}", "true"}) {
+      c.SendRaw(std::string(raw) + "\n");
+      EXPECT_TRUE(c.Receive().contains("error")) << raw;
+   }
+   for (const json &bad : {json{{"op", "takeover"}, {"portset", "ps0"}, {"build", 2000}, {"threads", -1}},
+                           json{{"op", "takeover"}, {"portset", "ps0"}, {"build", 2000}, {"threads", 100000}},
+                           json{{"op", "ioctl"}, {"cmd", 4294967302ull}, {"payload", ""}, {"length", 0}},
+                           json{{"op", "load"}, {"name", "../../../tmp/x"}, {"params", json::array()}}}) {
+      EXPECT_TRUE(c.Call(bad).contains("error")) << bad.dump();
+   }
+   for (const char *line : {"ports ps0 18446744073709551615", "ports ps0 10000000", "ioctl 4294967302",
+                            "takeover ps0 build=2000 threads=-1", "advance 18446744073709", "advance 1e300",
+                            "load client ../../x build=1"}) {
+      json a = Scenario(c, line);
+      EXPECT_EQ(a["ok"], false) << line;
+      EXPECT_NE(a["error"].get<std::string>().find("bad"), std::string::npos) << line << ": " << a.dump();
+   }
+   EXPECT_EQ(Scenario(other, "expect blocked ps0 no")["ok"], true);
+   EXPECT_EQ(Scenario(c, "echo still here")["output"], "still here\n");
+}
+
+TEST_F(ServeTest, ALineTooLongIsRefusedAndTheConnectionGoesOn) {
+   RestartServer({"--max-line-bytes", "1024"});
+   Connection c;
+   ASSERT_TRUE(c.Connect(socket_));
+   c.SendRaw(std::string(5000, 'x') + "\n");
+   EXPECT_EQ(c.Receive()["error"], "a request longer than 1024 bytes is refused (--max-line-bytes)");
+   EXPECT_TRUE(c.Call({{"op", "hello"}}).contains("host"));
+   // A line without end: refused as soon as it is too long, dropped up to its newline.
+   for (int i = 0; i < 64; i++) c.SendRaw(std::string(16384, '{'));
+   EXPECT_NE(c.Receive()["error"].get<std::string>().find("longer than 1024"), std::string::npos);
+   c.SendRaw("\n");
+   EXPECT_TRUE(c.Call({{"op", "hello"}}).contains("host"));
+}
+
+TEST_F(ServeTest, ConnectionsBeyondTheLimitAreRefusedAndAPlaceComesBack) {
+   RestartServer({"--max-connections", "2"});
+   Connection a, b;
+   ASSERT_TRUE(a.Connect(socket_));
+   ASSERT_TRUE(a.Call({{"op", "hello"}}).contains("host"));
+   ASSERT_TRUE(b.Connect(socket_));
+   ASSERT_TRUE(b.Call({{"op", "hello"}}).contains("host"));
+   Connection c;
+   ASSERT_TRUE(c.Connect(socket_));
+   EXPECT_EQ(c.Receive()["error"], "refused: the host serves 2 connections at once already (--max-connections)");
+   EXPECT_TRUE(c.ClosedByPeer());
+   // The place of a finished connection is given back (once its thread is joined).
+   a.Close();
+   bool served = false;
+   for (int i = 0; i < 200 && !served; i++) {
+      Connection d;
+      if (d.Connect(socket_)) {
+         d.SendRaw(R"({"op":"hello"})" "\n");   // a refused one may be closed already
+         served = d.Receive().contains("host");
+      }
+      if (!served) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+   }
+   EXPECT_TRUE(served);
+}
+
+TEST_F(ServeTest, ShutdownEndsEveryConnectionAndTheProcess) {
+   Connection idle, withDevice, midLine;
+   ASSERT_TRUE(idle.Connect(socket_));
+   ASSERT_TRUE(withDevice.Connect(socket_));
+   ASSERT_TRUE(midLine.Connect(socket_));
+   ASSERT_EQ(Scenario(withDevice, "load lus fromBuild=1000")["ok"], true);
+   ASSERT_EQ(withDevice.Call({{"op", "open"}})["status"], 0);
+   ASSERT_TRUE(idle.Call({{"op", "hello"}}).contains("host"));
+   midLine.SendRaw(R"({"op":"hel)");
+   Connection boss;
+   ASSERT_TRUE(boss.Connect(socket_));
+   EXPECT_EQ(boss.Call({{"op", "shutdown"}})["ok"], true);
+   // Every connection is ended by the server, and the process exits 0.
+   EXPECT_TRUE(idle.ClosedByPeer());
+   EXPECT_TRUE(withDevice.ClosedByPeer());
+   EXPECT_TRUE(midLine.ClosedByPeer());
+   int status = 0;
+   ASSERT_EQ(waitpid(server_, &status, 0), server_);
+   server_ = -1;
+   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+   struct stat st {};
+   EXPECT_NE(lstat(socket_.c_str(), &st), 0) << "the socket is left behind";
+}
+
+TEST_F(ServeTest, SigtermStopsTheServerCleanly) {
+   Connection c;
+   ASSERT_TRUE(c.Connect(socket_));
+   ASSERT_TRUE(c.Call({{"op", "hello"}}).contains("host"));
+   kill(server_, SIGTERM);
+   EXPECT_TRUE(c.ClosedByPeer());
+   int status = 0;
+   ASSERT_EQ(waitpid(server_, &status, 0), server_);
+   server_ = -1;
+   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+   struct stat st {};
+   EXPECT_NE(lstat(socket_.c_str(), &st), 0);
+}
+
+// ---- memory over a long life -------------------------------------------------------------------
+
+// A figure of /proc/PID/status ("VmRSS", "Threads").
+uint64_t StatusFigure(pid_t pid, const std::string &name) {
+   std::ifstream in(fmt::format("/proc/{}/status", pid));
+   std::string line;
+   while (std::getline(in, line)) {
+      if (line.rfind(name + ":", 0) == 0) return std::stoull(line.substr(name.size() + 1));
+   }
+   return 0;
+}
+
+// The sanitizers change what memory means: ASan keeps freed blocks in
+// quarantine (its resident memory grows by design), and both make a thread
+// cost many times its plain price.  There the soak is a tenth as long and
+// checks the threads alone.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// 10,000 connections and 1,000 malformed requests against one server: its
+// resident memory stays flat and every connection's thread is given back.
+// Measured, not timed.
+TEST_F(ServeTest, TenThousandConnectionsAndAThousandMalformedRequestsLeaveTheMemoryFlat) {
+   const std::vector<std::string> malformed = {
+      R"({"op":1})", "null", "[]", "{}", R"({"op":"ioctl","cmd":"x","payload":"","length":0})",
+      R"({"op":"takeover","portset":"ps0","build":2000,"threads":100000})", std::string("\x00\xff\xfe{", 4),
+      R"({"op":"load","name":"../../x","params":[]})", std::string(4096, '['), R"({"op":"scenario","line":"ports ps0 99999999999"})"};
+   int sent = 0;
+   auto round = [&](int connections, int malformedPerConnection, bool oversize) {
+      for (int i = 0; i < connections; i++) {
+         Connection c;
+         ASSERT_TRUE(c.Connect(socket_)) << i;
+         for (int k = 0; k < malformedPerConnection; k++, sent++) {
+            c.SendRaw(malformed[static_cast<size_t>(sent) % malformed.size()] + "\n");
+            ASSERT_TRUE(c.Receive().contains("error")) << sent;
+         }
+         if (oversize && i % 250 == 0) {
+            c.SendRaw(std::string((1 << 20) + 10, 'z') + "\n");   // over the 1 MiB default
+            ASSERT_TRUE(c.Receive().contains("error"));
+         }
+         ASSERT_TRUE(c.Call({{"op", "hello"}}).contains("host")) << i;
+      }
+   };
+   // Warm-up: the allocator's arenas and the host's first answers.
+   round(200, 1, true);
+   auto settle = [&] {
+      // Wait until every finished connection's thread is joined (the accepting thread alone, plus the host's).
+      uint64_t threads = 0;
+      for (int i = 0; i < 500; i++) {
+         threads = StatusFigure(server_, "Threads");
+         Connection c;
+         ASSERT_TRUE(c.Connect(socket_));
+         ASSERT_TRUE(c.Call({{"op", "hello"}}).contains("host"));
+         c.Close();
+         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+         if (StatusFigure(server_, "Threads") == threads) break;
+      }
+   };
+   settle();
+   const uint64_t rssBefore = StatusFigure(server_, "VmRSS");
+   const uint64_t threadsBefore = StatusFigure(server_, "Threads");
+   sent = 0;
+   const int connections = kSanitized ? 1000 : 10000;
+   round(connections, 0, false);
+   round(1000, 1, true);   // 1,000 more connections send a malformed request each (and 4 a 1 MiB line)
+   ASSERT_EQ(sent, 1000);
+   settle();
+   const uint64_t rssAfter = StatusFigure(server_, "VmRSS");
+   const uint64_t threadsAfter = StatusFigure(server_, "Threads");
+   std::cout << fmt::format("soak: VmRSS {} kB before, {} kB after {} connections and 1,000 malformed "
+                            "requests ({:+} kB); threads {} before, {} after\n",
+                            rssBefore, rssAfter, connections + 1000, static_cast<int64_t>(rssAfter) - static_cast<int64_t>(rssBefore),
+                            threadsBefore, threadsAfter);
+   RecordProperty("rss_before_kb", std::to_string(rssBefore));
+   RecordProperty("rss_after_kb", std::to_string(rssAfter));
+   EXPECT_GT(rssBefore, 0u);
+   EXPECT_EQ(threadsAfter, threadsBefore);
+   if (!kSanitized) {
+      // A thread kept per connection costs at least its stack's touched
+      // pages (tens of MB for 11,000), a request line kept its length; 16 MiB
+      // is room for the allocator's own moods.
+      EXPECT_LT(rssAfter, rssBefore + 16 * 1024) << "resident memory grew";
+   }
 }
 
 }  // namespace

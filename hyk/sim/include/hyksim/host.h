@@ -152,6 +152,10 @@ bool LogContains(const std::string &needle);
 void LogClear();
 // The whole log as text, one line each.
 std::string LogText();
+// The first failure to open or write the log file of HostOptions::logFile
+// ("PATH: reason"), after flushing what is queued; "" when there was none.
+// Kept after HostStop, until the next start.
+std::string LogFileError();
 
 // Log components.
 struct LogComponentView {

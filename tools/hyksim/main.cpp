@@ -17,18 +17,13 @@
 #include <atomic>
 #include <cstring>
 #include <iostream>
+#include <filesystem>
 #include <mutex>
 #include <sstream>
 #include <thread>
 
 #include "scenario.h"
 
-#ifndef HYKSIM_MODULE_DIR
-#define HYKSIM_MODULE_DIR "modules"
-#endif
-#ifndef HYKSIM_SCENARIO_DIR
-#define HYKSIM_SCENARIO_DIR "scenarios"
-#endif
 
 namespace {
 
@@ -36,8 +31,49 @@ struct Common {
    uint64_t seed = 7;
    std::string logFile;
    std::string reportDir = ".";
-   std::string moduleDir = HYKSIM_MODULE_DIR;
+   std::string moduleDir;                  // the programs' own modules ("": found from the program)
+   std::vector<std::string> modulePath;    // --module-path, each DIR[:DIR...]
+
+   std::vector<std::string> Dirs() const {
+      return lusctl::ModuleSearchPath(moduleDir.empty() ? lusctl::OwnModuleDir() : moduleDir, modulePath);
+   }
 };
+
+#ifndef HYKSIM_SCENARIO_DIR
+#define HYKSIM_SCENARIO_DIR "scenarios"
+#endif
+
+// The shipped scenarios: PREFIX/share/lus/scenarios when installed, the
+// source tree's scenarios/ beside a build tree SRC/build/<preset>.
+std::string ScenarioDir() {
+   const std::string own = lusctl::OwnModuleDir();   // .../lib/lus/modules or BUILD/modules
+   for (const std::string rel : {"/../../../share/lus/scenarios", "/../../../scenarios"}) {
+      if (std::filesystem::is_directory(own + rel + "/demo-classic.hyk") ||
+          std::filesystem::exists(own + rel + "/demo-classic.hyk")) {
+         return std::filesystem::weakly_canonical(own + rel).string();
+      }
+   }
+   return HYKSIM_SCENARIO_DIR;
+}
+
+// `hyksim modules`: every module along the path and where; a name found twice fails.
+int ListModules(const Common &c) {
+   const auto dirs = c.Dirs();
+   std::cout << fmt::format("module path: {}\n", fmt::join(dirs, ":"));
+   const auto files = lusctl::ListModuleFiles(dirs);
+   int twice = 0;
+   for (size_t i = 0; i < files.size(); i++) {
+      const bool dup = (i > 0 && files[i - 1].name == files[i].name) ||
+                       (i + 1 < files.size() && files[i + 1].name == files[i].name);
+      twice += dup;
+      std::cout << fmt::format("  {:<28} {}{}\n", files[i].name, files[i].path, dup ? "   <- found twice" : "");
+   }
+   if (twice != 0) {
+      std::cerr << "hyksim modules: a module name is found twice; a host could not tell which to load\n";
+      return 1;
+   }
+   return 0;
+}
 
 void StartHost(const Common &c) {
    hyksim::HostOptions o;
@@ -47,7 +83,7 @@ void StartHost(const Common &c) {
 
 hyksimtool::ScenarioOptions Options(const Common &c) {
    hyksimtool::ScenarioOptions o;
-   o.moduleDir = c.moduleDir;
+   o.moduleDir = fmt::format("{}", fmt::join(c.Dirs(), ":"));
    o.reportDir = c.reportDir;
    o.seed = c.seed;
    return o;
@@ -140,7 +176,7 @@ int Serve(const Common &c, const std::string &socketPath, const std::string &top
       hyksim::HostStop();
       return 1;
    }
-   auto host = lusctl::MakeSimHost(c.moduleDir);
+   auto host = lusctl::MakeSimHost(fmt::format("{}", fmt::join(c.Dirs(), ":")));
    std::mutex one;   // one request at a time
 
    int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -220,7 +256,11 @@ int main(int argc, char **argv) {
    auto common = [&c](CLI::App *s) {
       s->add_option("--seed", c.seed, "seed of the client modules' state and of random faults")->capture_default_str();
       s->add_option("--log-file", c.logFile, "also write the host log to FILE");
-      s->add_option("--module-dir", c.moduleDir, "where lus and the client modules are")->capture_default_str();
+      s->add_option("--module-dir", c.moduleDir,
+                    "the programs' own modules (default: this installation's, or the build tree's)");
+      s->add_option("--module-path", c.modulePath,
+                    "DIR[:DIR...]: more modules, searched after the own ones and HYKSIM_MODULE_PATH's "
+                    "(a client as DIR/NAME-BUILD.so or DIR/clients/NAME-BUILD.so, lus as DIR/bBUILD/lus.so)");
    };
    std::vector<std::string> files;
    auto *run = app.add_subcommand("run", "run scenario files, each on a fresh host; exit 0 only when all pass");
@@ -238,10 +278,13 @@ int main(int argc, char **argv) {
    serve->add_option("--socket", socketPath, "the socket's path")->required();
    serve->add_option("FILE", topology, "a scenario that builds the host first")->check(CLI::ExistingFile);
    common(serve);
+   auto *modules = app.add_subcommand("modules", "list the modules along the module path, and where each is");
+   common(modules);
    CLI11_PARSE(app, argc, argv);
 
+   if (*modules) return ListModules(c);
    if (*run) return Run(c, files);
    if (*shell) return Shell(c);
    if (*serve) return Serve(c, socketPath, topology);
-   return Run(c, {std::string(HYKSIM_SCENARIO_DIR) + "/demo-classic.hyk"});
+   return Run(c, {ScenarioDir() + "/demo-classic.hyk"});
 }

@@ -14,6 +14,13 @@
 #   LUS_MODULE_CHECK          OFF to skip the check (a coverage-instrumented build, whose
 #                             counters are not host calls); ON by default
 
+# A module is linked by the C driver (no C++ runtime): a project that
+# enabled only CXX gets C as well.
+get_property(_lus_languages GLOBAL PROPERTY ENABLED_LANGUAGES)
+if(NOT "C" IN_LIST _lus_languages)
+  enable_language(C)
+endif()
+
 # Compile and link options of every datapath module object.
 function(lus_module_kernel_options target)
   target_compile_options(${target} PRIVATE

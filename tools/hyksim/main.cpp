@@ -260,7 +260,8 @@ int main(int argc, char **argv) {
                     "the programs' own modules (default: this installation's, or the build tree's)");
       s->add_option("--module-path", c.modulePath,
                     "DIR[:DIR...]: more modules, searched after the own ones and HYKSIM_MODULE_PATH's "
-                    "(a client as DIR/NAME-BUILD.so or DIR/clients/NAME-BUILD.so, lus as DIR/bBUILD/lus.so)");
+                    "(a client as DIR/NAME-BUILD.so or DIR/clients/NAME-BUILD.so, lus as DIR/bBUILD/lus.so)")
+         ->allow_extra_args(false);   // one value per --module-path: the files after it are files
    };
    std::vector<std::string> files;
    auto *run = app.add_subcommand("run", "run scenario files, each on a fresh host; exit 0 only when all pass");

@@ -38,14 +38,6 @@ bool SplitBuild(const std::string &name, std::string *base, uint32_t *build) {
    return true;
 }
 
-std::string Thousands(uint64_t v) {
-   std::string s = std::to_string(v), out;
-   for (size_t i = 0; i < s.size(); i++) {
-      if (i != 0 && (s.size() - i) % 3 == 0) out += ',';
-      out += s[i];
-   }
-   return out;
-}
 
 }  // namespace
 

@@ -246,6 +246,7 @@ struct ClientRow {
    uint64_t byDesignBytes = 0;   // dropped by the per-portset flow's design (portset-phase maps)
    uint64_t byDesignPorts = 0;
    std::vector<uint32_t> mismatchedPorts, refusedPorts;   // from the ledger, by port
+   hyksim::LedgerCount sharedMismatched, sharedRefused;   // portset and global state
 };
 
 // One thing that keeps an upgrade from being "completed".  `kind` is what
@@ -300,6 +301,9 @@ struct Report {
    // The ports' names ("PORTSET#INDEX") by ID, for every port of the host.
    std::map<uint32_t, std::string> names;
 };
+
+// 1234567 -> "1,234,567".
+std::string Thousands(uint64_t v);
 
 // "PORTSET#INDEX" of every port of the host, by port ID.
 std::map<uint32_t, std::string> PortNames(const std::vector<hyksim::PortView> &ports);

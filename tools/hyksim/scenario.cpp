@@ -4,13 +4,19 @@
 // host, or checks an expectation against what the host shows.
 #include "scenario.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <fmt/format.h>
 
-#include <cmath>
-#include <fstream>
+#include <cstring>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <sstream>
+
+#include "input.h"
+#include "line_reader.h"
 
 namespace hyksimtool {
 
@@ -81,23 +87,41 @@ struct Fail {
    std::string why;
 };
 
-uint64_t Number(const std::string &what, const std::string &v) {
-   char *end = nullptr;
-   errno = 0;
-   unsigned long long n = std::strtoull(v.c_str(), &end, 0);
-   if (v.empty() || *end != '\0' || errno != 0 || v[0] == '-') {
-      throw Fail{fmt::format("bad value '{}' for {}: a number is needed", v, what)};
-   }
+// A whole number of type T from `min` to `max` (input.h): no wrap, no
+// truncation, the bad value and what it was for in the error.
+template <typename T = uint64_t>
+T Whole(const std::string &what, const std::string &v, T min = std::numeric_limits<T>::min(),
+        T max = std::numeric_limits<T>::max()) {
+   T n{};
+   std::string error;
+   if (!lusinput::ParseWhole<T>(v, what, min, max, &n, &error)) throw Fail{error};
    return n;
 }
 
-double Real(const std::string &what, const std::string &v) {
-   char *end = nullptr;
-   double d = std::strtod(v.c_str(), &end);
-   if (v.empty() || *end != '\0' || !std::isfinite(d) || d < 0) {
-      throw Fail{fmt::format("bad value '{}' for {}: a non-negative number is needed", v, what)};
+// Seconds to the microsecond, at most `maxUS`.
+uint64_t Micros(const std::string &what, const std::string &v, uint64_t maxUS) {
+   uint64_t us = 0;
+   std::string error;
+   if (!lusinput::ParseSeconds(v, what, maxUS, &us, &error)) throw Fail{error};
+   return us;
+}
+
+// Writes `text` to `path`, replacing it; false with the reason (the
+// system's) when it could not be opened, written or closed whole.
+bool WriteWholeFile(const std::string &path, const std::string &text, std::string *why) {
+   FILE *f = fopen(path.c_str(), "w");
+   if (f == nullptr) {
+      *why = std::strerror(errno);
+      return false;
    }
-   return d;
+   const bool written = fwrite(text.data(), 1, text.size(), f) == text.size() && fflush(f) == 0;
+   const int writeErrno = errno;
+   const bool closed = fclose(f) == 0;
+   if (!written || !closed) {
+      *why = std::strerror(!written ? writeErrno : errno);
+      return false;
+   }
+   return true;
 }
 
 bool YesNo(const std::string &what, const std::string &v) {
@@ -117,12 +141,49 @@ hyk_Status StatusOf(const std::string &v) {
    auto it = names.find(v);
    if (it == names.end()) it = names.find("HYK_" + v);
    if (it != names.end()) return it->second;
-   return static_cast<hyk_Status>(Number("a status", v));
+   return Whole<hyk_Status>("a status", v);
 }
+
+// The host's clock stops at 100 years: far past any scenario, and far
+// below where microseconds (2^64: 584,000 years), the monotonic counter's
+// nanoseconds (584 years) or a deadline "now + timeout" would wrap.
+constexpr uint64_t kYearUS = 365ull * 86400 * 1000000;
+constexpr uint64_t kClockCeilingUS = 100 * kYearUS;
 
 const std::vector<std::string> kCommands = {
    "portset", "ports", "load", "unload", "set", "lusctl", "ioctl", "unblock-event", "enable",
    "takeover", "advance", "fault", "clear-faults", "expect", "report", "echo", "help"};
+
+// The host as the in-process lusctl sees it: the host itself, except that a
+// takeover may not use more threads than the host program allows.
+class LimitedHost : public lusctl::Host {
+  public:
+   LimitedHost(lusctl::Host &host, uint32_t maxThreads) : h_(host), maxThreads_(maxThreads) {}
+   hyk_Status LoadModule(const std::string &name, const std::vector<std::string> &params,
+                         std::string *error) override {
+      return h_.LoadModule(name, params, error);
+   }
+   hyk_Status UnloadModule(const std::string &name) override { return h_.UnloadModule(name); }
+   std::vector<lusctl::ModuleInfo> Modules() override { return h_.Modules(); }
+   std::vector<hyksim::PortsetView> Portsets() override { return h_.Portsets(); }
+   std::vector<hyksim::PortView> Ports() override { return h_.Ports(); }
+   hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) override {
+      if (threads > maxThreads_) return HYK_LIMIT_EXCEEDED;
+      return h_.TakeOver(portset, build, threads);
+   }
+   hyk_Status EnablePort(uint32_t port) override { return h_.EnablePort(port); }
+   hyk_Status PostRestoreEvent(uint32_t port) override { return h_.PostRestoreEvent(port); }
+   hyk_Status UnblockPort(uint32_t port) override { return h_.UnblockPort(port); }
+   std::vector<lusctl::TimerInfo> Timers() override { return h_.Timers(); }
+   std::vector<hyksim::LogLine> Log() override { return h_.Log(); }
+   std::vector<hyksim::LedgerClientView> Ledger() override { return h_.Ledger(); }
+   std::vector<hyksim::HeapView> Heaps() override { return h_.Heaps(); }
+   uint64_t NowUS() override { return h_.NowUS(); }
+
+  private:
+   lusctl::Host &h_;
+   uint32_t maxThreads_;
+};
 
 }  // namespace
 
@@ -130,8 +191,10 @@ struct Interpreter::Impl {
    ScenarioOptions opts;
    std::ostream &out;
    std::unique_ptr<lusctl::Host> host;
+   std::unique_ptr<LimitedHost> toolHost;   // what the in-process lusctl drives
    lusctl::Environment env;
    std::map<std::string, std::vector<hyk_PortID>> ports;   // by portset, in order of creation
+   uint64_t portCount = 0;                                  // ports made, in every portset
    std::optional<hyk_Status> lastStatus;
    std::optional<int> lastExit;
    std::string lastOutput;
@@ -139,7 +202,8 @@ struct Interpreter::Impl {
 
    Impl(const ScenarioOptions &o, std::ostream &os) : opts(o), out(os) {
       host = lusctl::MakeSimHost(opts.moduleDir);
-      env.host = host.get();
+      toolHost = std::make_unique<LimitedHost>(*host, opts.maxTakeoverThreads);
+      env.host = toolHost.get();
       env.openDevice = [] { return lusctl::MakeSimDevice(); };
    }
 
@@ -155,13 +219,13 @@ struct Interpreter::Impl {
       auto hash = ref.find('#');
       if (hash != std::string::npos) {
          const auto &ids = Portset(ref.substr(0, hash));
-         uint64_t i = Number("a port index", ref.substr(hash + 1));
+         const uint64_t i = Whole("a port index", ref.substr(hash + 1));
          if (i >= ids.size()) {
             throw Fail{fmt::format("unknown port '{}': portset {} has {} ports", ref, ref.substr(0, hash), ids.size())};
          }
          return ids[i];
       }
-      hyk_PortID id = static_cast<hyk_PortID>(Number("a port", ref));
+      const hyk_PortID id = Whole<hyk_PortID>("a port", ref);
       if (!hyksim::FindPort(id)) throw Fail{fmt::format("unknown port '{}'", ref)};
       return id;
    }
@@ -182,11 +246,15 @@ struct Interpreter::Impl {
    // ---- topology --------------------------------------------------------------------------
    void DoPortset(const Args &a) {
       Need(a, 1, "portset NAME [class=C] [module=M] [version=N] [fdp=yes]");
+      if (ports.size() >= opts.maxPortsets) {
+         throw Fail{fmt::format("portset {}: the host holds {} portsets, as many as it may (--max-portsets)",
+                                a.pos[0], ports.size())};
+      }
       hyksim::PortsetSpec d;
       d.name = a.pos[0];
       d.className = a.Get("class", "etherswitch");
       d.classModule = a.Get("module");
-      d.fabricVersion = static_cast<uint32_t>(Number("version", a.Get("version", "107")));
+      d.fabricVersion = Whole<uint32_t>("version", a.Get("version", "107"));
       d.fastDatapath = a.Has("fdp") && YesNo("fdp", a.Get("fdp"));
       Check(hyksim::AddPortset(d), "portset " + d.name);
       ports[d.name];
@@ -196,8 +264,11 @@ struct Interpreter::Impl {
       Need(a, 2, "ports PORTSET N [vms=M] [type=vnic|container|uplink] [lspg=yes] [external-id=S] [filter=S]");
       const std::string ps = a.pos[0];
       Portset(ps);
-      const uint64_t n = Number("the port count", a.pos[1]);
-      const uint64_t vms = a.Has("vms") ? Number("vms", a.Get("vms")) : n;
+      // The host holds at most opts.maxPorts ports, so that no line can ask
+      // for more memory than the machine has.
+      const uint64_t room = opts.maxPorts - std::min<uint64_t>(portCount, opts.maxPorts);
+      const uint64_t n = Whole<uint64_t>("the port count", a.pos[1], 0, room);
+      const uint64_t vms = a.Has("vms") ? Whole<uint64_t>("vms", a.Get("vms"), 1, std::max<uint64_t>(n, 1)) : n;
       if (vms == 0 || vms > n) throw Fail{fmt::format("vms={} must be between 1 and the port count {}", vms, n)};
       const uint64_t perVM = (n + vms - 1) / vms;
       const std::string type = a.Get("type", "vnic");
@@ -220,6 +291,7 @@ struct Interpreter::Impl {
          hyk_PortID id = 0;
          Check(hyksim::AddPort(ps, p, &id), "ports " + ps);
          list.push_back(id);
+         portCount++;
       }
    }
 
@@ -234,13 +306,12 @@ struct Interpreter::Impl {
       for (const auto &w : a.order) {
          if (w.rfind("build=", 0) != 0) params.push_back(w);
       }
-      std::string file;
-      if (name == "lus") {
-         file = "lus-" + a.Get("build", "2000");
-      } else {
-         if (!a.Has("build")) throw Fail{"load " + name + ": build=N is needed"};
-         file = fmt::format("{}-{}", name, a.Get("build"));
-      }
+      if (name != "lus" && !a.Has("build")) throw Fail{"load " + name + ": build=N is needed"};
+      const uint32_t build = Whole<uint32_t>("build", a.Get("build", "2000"));
+      // A module is a file of the module directory, named, never a path.
+      const std::string file = fmt::format("{}-{}", name, build);
+      std::string why;
+      if (!lusinput::ModuleName(file, &why)) throw Fail{"load: " + why};
       // The run's seed goes to a client that did not name its own -- if it takes one.
       const bool impliedSeed = name != "lus" && !a.Has("seed");
       if (impliedSeed) params.push_back(fmt::format("seed={}", opts.seed));
@@ -284,12 +355,12 @@ struct Interpreter::Impl {
 
    void DoIoctl(const Args &a) {
       Need(a, 1, "ioctl CMD [hex=BYTES] [length=N]");
-      const uint32_t cmd = static_cast<uint32_t>(Number("the command", a.pos[0]));
+      const uint32_t cmd = Whole<uint32_t>("the command", a.pos[0]);
       std::vector<uint8_t> payload;
       if (!lusctl::BytesOfHex(a.Get("hex"), &payload)) {
          throw Fail{"hex=: an even number of hexadecimal digits is needed"};
       }
-      const uint32_t length = a.Has("length") ? static_cast<uint32_t>(Number("length", a.Get("length")))
+      const uint32_t length = a.Has("length") ? Whole<uint32_t>("length", a.Get("length"))
                                               : static_cast<uint32_t>(payload.size());
       auto dev = env.openDevice();
       hyk_Status s = dev->Open();
@@ -316,14 +387,23 @@ struct Interpreter::Impl {
       Need(a, 1, "takeover PORTSET build=N [threads=K]");
       Portset(a.pos[0]);
       if (!a.Has("build")) throw Fail{"takeover: build=N is needed"};
-      const unsigned threads = static_cast<unsigned>(Number("threads", a.Get("threads", "2")));
-      if (threads == 0) throw Fail{"takeover: threads must be at least 1"};
-      Check(hyksim::TakeOverPortset(a.pos[0], static_cast<uint32_t>(Number("build", a.Get("build"))), threads),
+      const uint32_t threads = Whole<uint32_t>("threads", a.Get("threads", "2"), 1, opts.maxTakeoverThreads);
+      Check(hyksim::TakeOverPortset(a.pos[0], Whole<uint32_t>("build", a.Get("build")), threads),
             "takeover " + a.pos[0]);
    }
    void DoAdvance(const Args &a) {
       Need(a, 1, "advance SECONDS");
-      hyksim::AdvanceClock(static_cast<uint64_t>(Real("the seconds", a.pos[0]) * 1e6));
+      // The virtual clock only moves forward, and stops short of where the
+      // host's counters (microseconds, and nanoseconds for the monotonic
+      // counter) or a module's "now + timeout" would wrap.
+      const uint64_t now = hyksim::NowUS();
+      const uint64_t room = now < kClockCeilingUS ? kClockCeilingUS - now : 0;
+      const uint64_t us = Micros("the seconds", a.pos[0], kClockCeilingUS);
+      if (us > room) {
+         throw Fail{fmt::format("advance {}: the host's clock would pass {} years (it stands at {}.{:06} s)", a.pos[0],
+                                kClockCeilingUS / kYearUS, now / 1000000, now % 1000000)};
+      }
+      hyksim::AdvanceClock(us);
    }
    void DoFault(const Args &a) {
       Need(a, 1, "fault OP [nth=N | from=N | every | probability=P [seed=S]] [status=S] [count=N]");
@@ -332,12 +412,17 @@ struct Interpreter::Impl {
       if (f.op.rfind("hyk_", 0) != 0 && f.op != "PFilter_TblRevalidateVmPort") {
          throw Fail{fmt::format("unknown host operation '{}': faults are injected into hyk_ operations", f.op)};
       }
-      f.nth = a.Has("nth") ? Number("nth", a.Get("nth")) : 0;
-      f.from = a.Has("from") ? Number("from", a.Get("from")) : 0;
+      f.nth = a.Has("nth") ? Whole("nth", a.Get("nth")) : 0;
+      f.from = a.Has("from") ? Whole("from", a.Get("from")) : 0;
       f.every = std::find(a.pos.begin(), a.pos.end(), "every") != a.pos.end();
-      f.probability = a.Has("probability") ? Real("probability", a.Get("probability")) : 0.0;
-      f.seed = a.Has("seed") ? Number("seed", a.Get("seed")) : opts.seed;
-      f.count = a.Has("count") ? Number("count", a.Get("count")) : 0;
+      if (a.Has("probability")) {
+         std::string error;
+         if (!lusinput::ParseFraction(a.Get("probability"), "probability", 0.0, 1.0, &f.probability, &error)) {
+            throw Fail{error};
+         }
+      }
+      f.seed = a.Has("seed") ? Whole("seed", a.Get("seed")) : opts.seed;
+      f.count = a.Has("count") ? Whole("count", a.Get("count")) : 0;
       if (a.Has("status")) f.status = StatusOf(a.Get("status"));
       if (f.nth == 0 && f.from == 0 && !f.every && f.probability <= 0) f.nth = 1;
       hyksim::InjectFault(f);
@@ -357,7 +442,7 @@ struct Interpreter::Impl {
       } else if (what == "exit") {
          Need(a, 2, "expect exit N");
          if (!lastExit) throw Fail{"expect exit: lusctl has not run yet"};
-         if (static_cast<uint64_t>(*lastExit) != Number("the exit code", a.pos[1])) {
+         if (*lastExit != Whole<int>("the exit code", a.pos[1], 0, 255)) {
             throw Fail{fmt::format("expected lusctl to exit {}, it exited {}", a.pos[1], *lastExit)};
          }
       } else if (what == "log" || what == "no-log") {
@@ -365,7 +450,7 @@ struct Interpreter::Impl {
          const size_t n = hyksim::LogCount(a.pos[1]);
          if (what == "no-log" && n != 0) throw Fail{fmt::format("expected no log line with \"{}\", found {}", a.pos[1], n)};
          if (what == "log") {
-            if (a.Has("count") && n != Number("count", a.Get("count"))) {
+            if (a.Has("count") && n != Whole("count", a.Get("count"))) {
                throw Fail{fmt::format("expected {} log line(s) with \"{}\", found {}", a.Get("count"), a.pos[1], n)};
             }
             if (!a.Has("count") && n == 0) throw Fail{fmt::format("expected a log line with \"{}\", found none", a.pos[1])};
@@ -383,21 +468,22 @@ struct Interpreter::Impl {
             auto p = hyksim::FindPort(id);
             if (p->blocked.empty()) throw Fail{fmt::format("port {} was never blocked", id)};
             const auto &b = p->blocked.back();
-            const double s = static_cast<double>((b.open ? hyksim::NowUS() : b.toUS) - b.fromUS) / 1e6;
-            if (a.Has("min") && s < Real("min", a.Get("min"))) throw Fail{fmt::format("port {} was blocked {:.3f} s, less than {}", id, s, a.Get("min"))};
-            if (a.Has("max") && s > Real("max", a.Get("max"))) throw Fail{fmt::format("port {} was blocked {:.3f} s, more than {}", id, s, a.Get("max"))};
+            const uint64_t us = (b.open ? hyksim::NowUS() : b.toUS) - b.fromUS;
+            const double s = static_cast<double>(us) / 1e6;
+            if (a.Has("min") && us < Micros("min", a.Get("min"), kClockCeilingUS)) throw Fail{fmt::format("port {} was blocked {:.3f} s, less than {}", id, s, a.Get("min"))};
+            if (a.Has("max") && us > Micros("max", a.Get("max"), kClockCeilingUS)) throw Fail{fmt::format("port {} was blocked {:.3f} s, more than {}", id, s, a.Get("max"))};
          }
       } else if (what == "heap") {
          Need(a, 2, "expect heap NAME [bytes=N] [max=N]");
          auto h = hyksim::FindHeap(a.pos[1]);
          const uint64_t used = h ? h->bytesInUse : 0;
-         if (a.Has("bytes") && used != Number("bytes", a.Get("bytes"))) throw Fail{fmt::format("heap {} holds {} bytes, not {}", a.pos[1], used, a.Get("bytes"))};
-         if (a.Has("max") && used > Number("max", a.Get("max"))) throw Fail{fmt::format("heap {} holds {} bytes, more than {}", a.pos[1], used, a.Get("max"))};
+         if (a.Has("bytes") && used != Whole("bytes", a.Get("bytes"))) throw Fail{fmt::format("heap {} holds {} bytes, not {}", a.pos[1], used, a.Get("bytes"))};
+         if (a.Has("max") && used > Whole("max", a.Get("max"))) throw Fail{fmt::format("heap {} holds {} bytes, more than {}", a.pos[1], used, a.Get("max"))};
       } else if (what == "use-count") {
          Need(a, 3, "expect use-count MODULE N");
          auto m = hyksim::FindModule(a.pos[1]);
          if (!m) throw Fail{fmt::format("no module {} is loaded", a.pos[1])};
-         if (m->useCount != Number("the use count", a.pos[2])) throw Fail{fmt::format("module {} has use count {}, not {}", a.pos[1], m->useCount, a.pos[2])};
+         if (m->useCount != Whole<uint32_t>("the use count", a.pos[2])) throw Fail{fmt::format("module {} has use count {}, not {}", a.pos[1], m->useCount, a.pos[2])};
       } else if (what == "ledger") {
          ExpectLedger(a);
       } else if (what == "output") {
@@ -425,8 +511,8 @@ struct Interpreter::Impl {
          scoped.ports = scoped.bytes != 0 ? 1 : 0;
       }
       const auto &c = a.Has("scope") ? scoped : v.perPort[k];
-      if (a.Has("ports") && c.ports != Number("ports", a.Get("ports"))) throw Fail{fmt::format("{} {}: {} ports, not {}", a.pos[1], a.pos[2], c.ports, a.Get("ports"))};
-      if (a.Has("bytes") && c.bytes != Number("bytes", a.Get("bytes"))) throw Fail{fmt::format("{} {}: {} bytes, not {}", a.pos[1], a.pos[2], c.bytes, a.Get("bytes"))};
+      if (a.Has("ports") && c.ports != Whole("ports", a.Get("ports"))) throw Fail{fmt::format("{} {}: {} ports, not {}", a.pos[1], a.pos[2], c.ports, a.Get("ports"))};
+      if (a.Has("bytes") && c.bytes != Whole("bytes", a.Get("bytes"))) throw Fail{fmt::format("{} {}: {} bytes, not {}", a.pos[1], a.pos[2], c.bytes, a.Get("bytes"))};
       if (a.Has("same-as")) {
          hyksim::LedgerCount other;
          if (a.Has("scope")) {
@@ -455,8 +541,8 @@ struct Interpreter::Impl {
          if (!a.Has(key)) return;
          std::string path = a.Get(key);
          if (!path.empty() && path[0] != '/') path = opts.reportDir + "/" + path;
-         std::ofstream f(path);
-         if (!(f << text)) throw Fail{fmt::format("report: cannot write {}", path)};
+         std::string why;
+         if (!WriteWholeFile(path, text, &why)) throw Fail{fmt::format("report: cannot write {}: {}", path, why)};
          out << fmt::format("wrote {}\n", path);
       };
       write("json", lusctl::ReportJson(*lastReport));
@@ -519,20 +605,50 @@ std::string Interpreter::Execute(const std::string &line) {
 }
 
 bool Interpreter::RunFile(const std::string &path) {
-   std::ifstream f(path);
-   if (!f) {
-      impl_->out << fmt::format("{}: cannot open\n", path);
+   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd < 0) {
+      impl_->out << fmt::format("{}: cannot open: {}\n", path, std::strerror(errno));
       return false;
    }
+   const bool ok = RunLines(path, [fd](char *buf, size_t n) { return read(fd, buf, n); });
+   close(fd);
+   return ok;
+}
+
+bool Interpreter::RunText(const std::string &name, const std::string &text) {
+   size_t at = 0;
+   return RunLines(name, [&](char *buf, size_t n) {
+      n = std::min(n, text.size() - at);
+      std::memcpy(buf, text.data() + at, n);
+      at += n;
+      return static_cast<ssize_t>(n);
+   });
+}
+
+// A read error, or a line longer than the limit, ends the run as a failure
+// at that line: the expectations after it never ran, so the file did not pass.
+bool Interpreter::RunLines(const std::string &name, const std::function<ssize_t(char *, size_t)> &source) {
+   LineReader reader(source, impl_->opts.maxLineBytes);
    std::string line;
-   for (int n = 1; std::getline(f, line); n++) {
+   for (uint64_t n = 1;; n++) {
+      switch (reader.Next(&line)) {
+         case LineReader::kEnd:
+            return true;
+         case LineReader::kError:
+            impl_->out << fmt::format("{}:{}: cannot read: {}\n", name, n, std::strerror(reader.error()));
+            return false;
+         case LineReader::kTooLong:
+            impl_->out << fmt::format("{}:{}: a line longer than {} bytes\n", name, n, impl_->opts.maxLineBytes);
+            return false;
+         case LineReader::kLine:
+            break;
+      }
       std::string why = Execute(line);
       if (!why.empty()) {
-         impl_->out << fmt::format("{}:{}: {}\n", path, n, why);
+         impl_->out << fmt::format("{}:{}: {}\n", name, n, why);
          return false;
       }
    }
-   return true;
 }
 
 const std::vector<std::string> &Interpreter::CommandNames() { return kCommands; }

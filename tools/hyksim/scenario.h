@@ -5,6 +5,9 @@
 // command with an example.
 #pragma once
 
+#include <sys/types.h>
+
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -19,6 +22,13 @@ struct ScenarioOptions {
    std::string moduleDir;      // lus builds (b<build>/lus.so) and clients/
    std::string reportDir = ".";
    uint64_t seed = 7;          // default seed of client modules and random faults
+   // What one host may be asked to hold, so that no line (of a file, at the
+   // shell, from a peer of the server) can take the machine's memory or
+   // threads.  Each is an option of the host program.
+   uint64_t maxPorts = 65536;          // ports, in all portsets together
+   uint32_t maxPortsets = 256;
+   uint32_t maxTakeoverThreads = 64;   // host threads of one takeover (also lusctl's)
+   size_t maxLineBytes = 1 << 20;      // a line of a scenario file
 };
 
 class Interpreter {
@@ -33,6 +43,8 @@ class Interpreter {
    // Runs a whole file; prints "FILE:LINE: reason" and returns false at the
    // first failure.
    bool RunFile(const std::string &path);
+   // The same for a file held in memory, named `name` in the messages.
+   bool RunText(const std::string &name, const std::string &text);
 
    static const std::vector<std::string> &CommandNames();
    static std::string Help();
@@ -40,6 +52,7 @@ class Interpreter {
    std::vector<std::string> Names();
 
   private:
+   bool RunLines(const std::string &name, const std::function<ssize_t(char *, size_t)> &source);
    struct Impl;
    std::unique_ptr<Impl> impl_;
 };

@@ -13,9 +13,11 @@
 #include <fmt/format.h>
 
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "input.h"
 #include "tool.h"
 
 namespace lusctl {
@@ -287,90 +289,228 @@ std::optional<Remote> MakeRemote(const std::string &socketPath, std::string *err
 
 // ---- the server side -------------------------------------------------------------------------
 
-std::string HandleRequest(ServerSession &s, const std::string &line, bool *shutdown) {
+namespace {
+
+// Every request is checked against this one table before anything of it is
+// used: its op is known, it has each field the op takes, of the right type
+// and range, and no other.  The handlers below read only what the check
+// produced (Checked), never the JSON, so no request can reach the host with
+// a value that was not checked -- nor abort the server with a type error.
+enum class Kind {
+   kText,       // a string
+   kModule,     // a module's name (input.h): never a path
+   kWhole32,    // a whole number of 0 to 2^32 - 1 (a port, a build, a command, a length)
+   kThreads,    // a takeover's threads: 1 to the server's limit
+   kHex,        // a payload: an even number of hexadecimal digits
+   kStrings,    // an array of strings (module parameters), at most kMaxStrings
+};
+
+struct FieldRule {
+   const char *name;
+   Kind kind;
+};
+
+constexpr size_t kMaxStrings = 256;
+
+const std::map<std::string, std::vector<FieldRule>> &Schema() {
+   static const std::map<std::string, std::vector<FieldRule>> schema = {
+      {"hello", {}},
+      {"scenario", {{"line", Kind::kText}}},
+      {"open", {}},
+      {"ioctl", {{"cmd", Kind::kWhole32}, {"payload", Kind::kHex}, {"length", Kind::kWhole32}}},
+      {"close", {}},
+      {"load", {{"name", Kind::kModule}, {"params", Kind::kStrings}}},
+      {"unload", {{"name", Kind::kModule}}},
+      {"modules", {}},
+      {"portsets", {}},
+      {"ports", {}},
+      {"takeover", {{"portset", Kind::kText}, {"build", Kind::kWhole32}, {"threads", Kind::kThreads}}},
+      {"enable", {{"port", Kind::kWhole32}}},
+      {"restore-event", {{"port", Kind::kWhole32}}},
+      {"unblock-port", {{"port", Kind::kWhole32}}},
+      {"timers", {}},
+      {"log", {}},
+      {"ledger", {}},
+      {"heaps", {}},
+      {"now", {}},
+      {"shutdown", {}},
+   };
+   return schema;
+}
+
+// A request's fields once checked.
+struct Checked {
+   std::string op;
+   std::map<std::string, std::string> text;     // kText, kModule
+   std::map<std::string, uint32_t> number;      // kWhole32, kThreads
+   std::vector<uint8_t> payload;                // kHex
+   std::vector<std::string> strings;            // kStrings
+};
+
+// A JSON number read with the one number parser (input.h), from its own
+// text: "1.5", "1e+300" and "-1" are refused as a typed "1.5" would be.
+bool WholeOf(const json &v, const std::string &field, uint32_t min, uint32_t max, uint32_t *out,
+             std::string *error) {
+   if (!v.is_number()) {
+      *error = fmt::format("{}: a number is needed", field);
+      return false;
+   }
+   return lusinput::ParseWhole<uint32_t>(v.dump(), field, min, max, out, error);
+}
+
+// Checks `line` against the schema; false with *error (the answer's text).
+bool CheckRequest(const std::string &line, const ServerSession &s, Checked *c, std::string *error) {
    json req = json::parse(line, nullptr, false);
    if (req.is_discarded() || !req.is_object() || !req.contains("op") || !req["op"].is_string()) {
-      return json{{"error", "a request is one line of JSON: an object whose \"op\" is a string"}}.dump();
+      *error = "a request is one line of JSON: an object whose \"op\" is a string";
+      return false;
    }
-   const std::string op = req["op"];
+   c->op = req["op"].get<std::string>();
+   auto rules = Schema().find(c->op);
+   if (rules == Schema().end()) {
+      *error = "unknown request " + lusinput::Shown(c->op);
+      return false;
+   }
+   auto bad = [&](const std::string &why) {
+      *error = fmt::format("bad request {}: {}", c->op, why);
+      return false;
+   };
+   for (const auto &[key, value] : req.items()) {
+      if (key == "op") continue;
+      bool known = false;
+      for (const auto &r : rules->second) known = known || key == r.name;
+      if (!known) return bad(fmt::format("it takes no field {}", lusinput::Quoted(key)));
+   }
+   for (const auto &r : rules->second) {
+      if (!req.contains(r.name)) return bad(fmt::format("field '{}' is missing", r.name));
+      const json &v = req[r.name];
+      std::string why;
+      switch (r.kind) {
+         case Kind::kText:
+         case Kind::kModule:
+            if (!v.is_string()) return bad(fmt::format("{}: a string is needed", r.name));
+            if (r.kind == Kind::kModule && !lusinput::ModuleName(v.get<std::string>(), &why)) {
+               return bad(fmt::format("{}: {}", r.name, why));
+            }
+            c->text[r.name] = v.get<std::string>();
+            break;
+         case Kind::kWhole32:
+         case Kind::kThreads: {
+            const uint32_t min = r.kind == Kind::kThreads ? 1 : 0;
+            const uint32_t max = r.kind == Kind::kThreads ? s.maxTakeoverThreads : UINT32_MAX;
+            if (!WholeOf(v, r.name, min, max, &c->number[r.name], &why)) return bad(why);
+            break;
+         }
+         case Kind::kHex:
+            if (!v.is_string() || !BytesOfHex(v.get<std::string>(), &c->payload)) {
+               return bad(fmt::format("{}: an even number of hexadecimal digits is needed", r.name));
+            }
+            break;
+         case Kind::kStrings:
+            if (!v.is_array() || v.size() > kMaxStrings) {
+               return bad(fmt::format("{}: an array of at most {} strings is needed", r.name, kMaxStrings));
+            }
+            for (const auto &e : v) {
+               if (!e.is_string()) return bad(fmt::format("{}: an array of strings is needed", r.name));
+               c->strings.push_back(e.get<std::string>());
+            }
+            break;
+      }
+   }
+   return true;
+}
+
+// An answer line.  Texts that are not UTF-8 (a host log line, a module's
+// output cut in the middle of a character) are mended, never a reason to fail.
+std::string Answer(const json &answer) { return answer.dump(-1, ' ', false, json::error_handler_t::replace); }
+
+}  // namespace
+
+std::string HandleRequest(ServerSession &s, const std::string &line, bool *shutdown) {
+   Checked c;
+   std::string error;
+   if (!CheckRequest(line, s, &c, &error)) return Answer({{"error", error}});
+   const std::string &op = c.op;
    Host &h = *s.host;
    try {
-      if (op == "hello") return json{{"host", "hyksim"}}.dump();
+      if (op == "hello") return Answer({{"host", "hyksim"}});
       if (op == "scenario") {
          std::string output;
-         std::string why = s.scenario(req["line"], &output);
-         return json{{"ok", why.empty()}, {"error", why}, {"output", output}}.dump();
+         std::string why = s.scenario(c.text["line"], &output);
+         return Answer({{"ok", why.empty()}, {"error", why}, {"output", output}});
       }
       if (op == "open") {
+         if (s.device) s.device->Close();
          s.device = MakeSimDevice();
-         return json{{"status", s.device->Open()}}.dump();
+         return Answer({{"status", s.device->Open()}});
       }
       if (op == "ioctl") {
-         std::vector<uint8_t> payload;
-         if (!BytesOfHex(req["payload"], &payload)) return json{{"error", "payload: not hexadecimal"}}.dump();
-         if (!s.device) return json{{"status", HYK_INVALID_HANDLE}}.dump();
-         return json{{"status", s.device->Ioctl(req["cmd"], payload, req["length"])}}.dump();
+         if (!s.device) return Answer({{"status", HYK_INVALID_HANDLE}});
+         return Answer({{"status", s.device->Ioctl(c.number["cmd"], c.payload, c.number["length"])}});
       }
       if (op == "close") {
          if (s.device) s.device->Close();
          s.device.reset();
-         return json{{"status", HYK_OK}}.dump();
+         return Answer({{"status", HYK_OK}});
       }
       if (op == "load") {
-         std::string error;
-         hyk_Status st = h.LoadModule(req["name"], req["params"].get<std::vector<std::string>>(), &error);
-         return json{{"status", st}, {"error", error}}.dump();
+         std::string why;
+         hyk_Status st = h.LoadModule(c.text["name"], c.strings, &why);
+         return Answer({{"status", st}, {"error", why}});
       }
-      if (op == "unload") return json{{"status", h.UnloadModule(req["name"])}}.dump();
+      if (op == "unload") return Answer({{"status", h.UnloadModule(c.text["name"])}});
       if (op == "modules") {
          json m = json::array();
          for (const auto &x : h.Modules()) m.push_back({x.name, x.id, x.useCount});
-         return json{{"modules", m}}.dump();
+         return Answer({{"modules", m}});
       }
       if (op == "portsets") {
          json m = json::array();
          for (const auto &p : h.Portsets()) m.push_back({p.name, p.className, p.classModule, p.fastDatapath});
-         return json{{"portsets", m}}.dump();
+         return Answer({{"portsets", m}});
       }
       if (op == "ports") {
          json m = json::array();
          for (const auto &p : h.Ports()) m.push_back(PortJson(p));
-         return json{{"ports", m}}.dump();
+         return Answer({{"ports", m}});
       }
-      if (op == "takeover") return json{{"status", h.TakeOver(req["portset"], req["build"], req["threads"])}}.dump();
-      if (op == "enable") return json{{"status", h.EnablePort(req["port"])}}.dump();
-      if (op == "restore-event") return json{{"status", h.PostRestoreEvent(req["port"])}}.dump();
-      if (op == "unblock-port") return json{{"status", h.UnblockPort(req["port"])}}.dump();
+      if (op == "takeover") {
+         return Answer({{"status", h.TakeOver(c.text["portset"], c.number["build"], c.number["threads"])}});
+      }
+      if (op == "enable") return Answer({{"status", h.EnablePort(c.number["port"])}});
+      if (op == "restore-event") return Answer({{"status", h.PostRestoreEvent(c.number["port"])}});
+      if (op == "unblock-port") return Answer({{"status", h.UnblockPort(c.number["port"])}});
       if (op == "timers") {
          json m = json::array();
          for (const auto &t : h.Timers()) m.push_back({t.queue, t.owner, t.dueUS});
-         return json{{"timers", m}}.dump();
+         return Answer({{"timers", m}});
       }
       if (op == "log") {
          json m = json::array();
          for (const auto &l : h.Log()) m.push_back({l.seq, l.timeUS, l.component, l.level, l.text});
-         return json{{"log", m}}.dump();
+         return Answer({{"log", m}});
       }
       if (op == "ledger") {
          json m = json::array();
          for (const auto &v : h.Ledger()) m.push_back(LedgerJson(v));
-         return json{{"ledger", m}}.dump();
+         return Answer({{"ledger", m}});
       }
       if (op == "heaps") {
          json m = json::array();
          for (const auto &x : h.Heaps()) m.push_back({x.name, x.bytesInUse});
-         return json{{"heaps", m}}.dump();
+         return Answer({{"heaps", m}});
       }
-      if (op == "now") return json{{"us", h.NowUS()}}.dump();
+      if (op == "now") return Answer({{"us", h.NowUS()}});
       if (op == "shutdown") {
          *shutdown = true;
-         return json{{"ok", true}}.dump();
+         return Answer({{"ok", true}});
       }
    } catch (const json::exception &e) {
-      // A field missing or of another type: the request is refused, the server goes on.
-      return json{{"error", fmt::format("bad request {}: {}", op, e.what())}}.dump();
+      // Only an answer can get here now (a text that is not UTF-8, say): the
+      // request is refused and the server goes on.
+      return Answer({{"error", fmt::format("request {}: no answer can be made: {}", op, e.what())}});
    }
-   return json{{"error", "unknown request " + op}}.dump();
+   return Answer({{"error", "unknown request " + op}});
 }
 
 }  // namespace lusctl

@@ -141,6 +141,7 @@ struct ServerSession {
    std::function<std::string(const std::string &line, std::string *output)> scenario;
    std::unique_ptr<Device> device;
    Host *host = nullptr;
+   uint32_t maxTakeoverThreads = 64;   // a takeover request may ask for 1 to this many
 };
 std::string HandleRequest(ServerSession &session, const std::string &line, bool *shutdown);
 

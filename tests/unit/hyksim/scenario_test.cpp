@@ -40,7 +40,7 @@ TEST_F(ScenarioTest, ParserErrorsNameTheFileTheLineAndTheReason) {
    };
    const std::vector<Case> cases = {
       {"# a comment\n\nfrobnicate ps0\n", ":3: unknown command 'frobnicate' (try help)"},
-      {"portset ps0\nports ps0 many\n", ":2: bad value 'many' for the port count: a number is needed"},
+      {"portset ps0\nports ps0 many\n", ":2: bad value 'many' for the port count: a whole number from 0 to 65536 is needed"},
       {"ports nosuch 4\n", ":1: unknown portset 'nosuch'"},
       {"portset ps0\nports ps0 4\nexpect blocked ps0#9\n", ":3: unknown port 'ps0#9': portset ps0 has 4 ports"},
       {"portset ps0\nports ps0 4 type=router\n", ":2: bad value 'router' for type: vnic, container or uplink"},

@@ -290,8 +290,10 @@ class Run {
       so.moduleDir = dir_;
       interp_ = std::make_unique<hyksimtool::Interpreter>(so, sink_);
       if (p_.portsetFlow) {
-         Line("load client tarnq-vswitch build=1000");
-         Line("load client tarnq-stats build=1000");
+         // The sample clients' modelled callback time off (the blob clients
+         // have none): the figures are lus's and the host's work.
+         Line("load client tarnq-vswitch build=1000 costUs=0 costNsPerByte=0");
+         Line("load client tarnq-stats build=1000 costUs=0 costNsPerByte=0");
          Line("portset ps0 class=cswitch module=tarnq-vswitch-1000");
          Line(fmt::format("ports ps0 {} vms={}", p_.ports, std::max(1u, p_.ports / 2)));
          return;
@@ -313,7 +315,7 @@ class Run {
       f.toBuild = 2000;
       f.maxOutageSec = 600;
       f.takeoverThreads = p_.threads;
-      f.moduleParams = {"seed=7"};
+      f.moduleParams = {"seed=7", "costUs=0", "costNsPerByte=0"};
       if (!p_.portsetFlow) {
          f.moduleParams.push_back(fmt::format("blobBytes={}", p_.bytes));
          f.moduleParams.push_back(HeapMB());

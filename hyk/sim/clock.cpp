@@ -5,7 +5,10 @@
 // sleeping world moves it, so a 120-second timer costs microseconds and every
 // run sees the same times.  Advancing is serialised: timers fire in deadline
 // order across all queues (timer.cpp) and the clock shows each timer's
-// deadline while its callback runs.
+// deadline while its callback runs.  A busy-wait (hyk_TimerDelayUS) adds its
+// time to the clock at once, from any thread and under any lock, and leaves
+// the timers it passes to the next advance: it must not wait for a timer
+// callback that may want the spinlock its caller holds.
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -65,9 +68,9 @@ uint64_t ClockNowUS() {
    return RealElapsedNS() / 1000;
 }
 
-void ClockStoreVirtual(uint64_t us) {
+void ClockAddVirtual(uint64_t us) {
    Clock &c = TheClock();
-   c.virtualUS.store(us, std::memory_order_release);
+   c.virtualUS.fetch_add(us, std::memory_order_acq_rel);
    std::lock_guard<std::mutex> lk(c.mu);
    c.cv.notify_all();
 }
@@ -107,7 +110,7 @@ void AdvanceClock(uint64_t us) {
       return;
    }
    std::lock_guard<std::mutex> lk(c.advanceMu);
-   core::TimersAdvanceTo(core::ClockNowUS() + us);
+   core::TimersAdvanceBy(us);
 }
 
 }  // namespace hyksim
@@ -125,3 +128,33 @@ extern "C" uint64_t hyk_TimerMonotonicCounter(void) {
 }
 
 extern "C" uint64_t hyk_GetTimeUS(void) { return core::ClockNowUS(); }
+
+extern "C" void hyk_TimerDelayUS(uint64_t us) {
+   if (us > HYK_TIMER_DELAY_MAX_US) {
+      HostLog("hyk_TimerDelayUS: a delay of %llu us cut to %u us", (unsigned long long)us,
+              HYK_TIMER_DELAY_MAX_US);
+      us = HYK_TIMER_DELAY_MAX_US;
+   }
+   if (us == 0) {
+      return;
+   }
+   Clock &c = TheClock();
+   if (c.isVirtual.load(std::memory_order_relaxed)) {
+      core::ClockAddVirtual(us);
+      return;
+   }
+   // Bounded by the cut above: the spin ends once the steady clock has moved
+   // `us` on, whatever the thread's scheduling.  A long spin yields its CPU
+   // now and then, since the host may run more threads than there are cores;
+   // the time it waits is the same.
+   const int64_t until = SteadyNS() + static_cast<int64_t>(us) * 1000;
+   for (unsigned spins = 0; SteadyNS() < until; spins++) {
+      if (spins % 64 != 63) {
+#if defined(__x86_64__) || defined(__i386__)
+         __builtin_ia32_pause();
+#endif
+      } else {
+         std::this_thread::yield();
+      }
+   }
+}

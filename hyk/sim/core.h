@@ -94,11 +94,14 @@ void ClockInterruptSleepers();
 // Blocks until the host clock reaches `deadline` (virtual clock: somebody
 // else advances it).  false when interrupted by a host stop or restart.
 bool ClockWaitUntil(uint64_t deadlineUS);
-void ClockStoreVirtual(uint64_t us);
+// Virtual clock: moves it `us` forward, adding to whatever moves it at the
+// same time (an advance, another thread's delay), and wakes the sleepers.
+void ClockAddVirtual(uint64_t us);
 
 // ---- timers (timer.cpp) ------------------------------------------------------
-// Virtual clock: fire every timer due up to `target`, in deadline order.
-void TimersAdvanceTo(uint64_t targetUS);
+// Virtual clock: moves the clock `us` forward from deadline to deadline,
+// firing every timer that falls due, in deadline order.
+void TimersAdvanceBy(uint64_t us);
 bool InTimerCallback();
 void TimersReset();
 void TimersDropModule(hyk_ModuleID id, const std::string &name);

@@ -31,6 +31,19 @@ struct Timer {
 
 using TimerKey = std::pair<uint64_t, uint64_t>;  // (deadline, id): id breaks ties in arming order
 
+// Virtual clock: how far timers may fire, the time the last advance reached.
+// The clock itself may be further on, moved by busy-waits (hyk_TimerDelayUS),
+// which leave the timers they pass to the next advance; without this horizon
+// a queue thread that happened to wake (a timer armed) would fire them at
+// once, at a moment no run could reproduce.
+std::atomic<uint64_t> gFireHorizon{0};
+
+uint64_t FireHorizon() {
+   return core::VirtualClock() ? gFireHorizon.load(std::memory_order_acquire) : core::ClockNowUS();
+}
+
+void ExtendFireHorizon() { gFireHorizon.store(core::ClockNowUS(), std::memory_order_release); }
+
 struct Queue {
    hyk_TimerQueue id = 0;
    std::string name;
@@ -45,7 +58,7 @@ struct Queue {
    std::thread thread;
    std::thread::id threadId;
 
-   bool Due() const { return !pending.empty() && pending.begin()->first.first <= core::ClockNowUS(); }
+   bool Due() const { return !pending.empty() && pending.begin()->first.first <= FireHorizon(); }
    bool Idle() const { return running.id == 0 && !Due(); }
 };
 
@@ -187,21 +200,28 @@ namespace core {
 
 bool InTimerCallback() { return tInCallback; }
 
-void TimersAdvanceTo(uint64_t target) {
+void TimersAdvanceBy(uint64_t us) {
+   // The clock moves by steps added to it, never by stores of a time read
+   // before: another thread's hyk_TimerDelayUS may move it meanwhile, and its
+   // time must add to this advance, not be overwritten by it.
+   uint64_t left = us;
    for (;;) {
       auto queues = All();
-      uint64_t next = EarliestDeadline(queues);
-      if (next > target) {
+      const uint64_t next = EarliestDeadline(queues);
+      const uint64_t now = ClockNowUS();
+      const uint64_t step = next > now ? next - now : 0;
+      if (next == UINT64_MAX || step > left) {
          break;
       }
-      if (next > ClockNowUS()) {
-         ClockStoreVirtual(next);
-      }
+      ClockAddVirtual(step);
+      left -= step;
+      ExtendFireHorizon();
       // A callback may arm a timer on a queue already passed over, so the
-      // loop re-reads every queue until nothing at or before `target` is left.
+      // loop re-reads every queue until nothing within the advance is left.
       WaitAllIdle(queues);
    }
-   ClockStoreVirtual(target);
+   ClockAddVirtual(left);
+   ExtendFireHorizon();
    WaitAllIdle(All());
 }
 
@@ -215,6 +235,7 @@ void TimersReset() {
       Reg().queues.clear();
       Reg().nextQueue = 1;
    }
+   gFireHorizon.store(0, std::memory_order_release);
    for (auto &q : queues) {
       Shutdown(*q);
    }

@@ -39,6 +39,10 @@ bad=$(printf '%s\n' "$names" | grep -Ev "$allowed" || true)
 if [ -n "$bad" ]; then
    echo "$module: undefined symbols the host does not provide:"
    printf '  %s\n' $bad
+   if printf '%s\n' $bad | grep -q '^hyksim_Ledger'; then
+      echo "  (the simulator's ledger: build with lus_add_module(... LEDGER), or put the calls under"
+      echo "   #ifdef LUS_SIMULATOR_LEDGER so that a build for a real host leaves them out)"
+   fi
    exit 1
 fi
 echo "$module: $(printf '%s\n' "$names" | wc -l) undefined symbols, all provided by the host"

@@ -16,18 +16,13 @@
 #include <fmt/format.h>
 
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 
 #include "input.h"
 #include "scenario.h"
 #include "server.h"
 
-#ifndef HYKSIM_MODULE_DIR
-#define HYKSIM_MODULE_DIR "modules"
-#endif
-#ifndef HYKSIM_SCENARIO_DIR
-#define HYKSIM_SCENARIO_DIR "scenarios"
-#endif
 
 namespace {
 
@@ -36,8 +31,49 @@ struct Common {
    uint64_t seed = 7;
    std::string logFile;
    std::string reportDir = ".";
-   std::string moduleDir = HYKSIM_MODULE_DIR;
+   std::string moduleDir;                  // the programs' own modules ("": found from the program)
+   std::vector<std::string> modulePath;    // --module-path, each DIR[:DIR...]
+
+   std::vector<std::string> Dirs() const {
+      return lusctl::ModuleSearchPath(moduleDir.empty() ? lusctl::OwnModuleDir() : moduleDir, modulePath);
+   }
 };
+
+#ifndef HYKSIM_SCENARIO_DIR
+#define HYKSIM_SCENARIO_DIR "scenarios"
+#endif
+
+// The shipped scenarios: PREFIX/share/lus/scenarios when installed, the
+// source tree's scenarios/ beside a build tree SRC/build/<preset>.
+std::string ScenarioDir() {
+   const std::string own = lusctl::OwnModuleDir();   // .../lib/lus/modules or BUILD/modules
+   for (const std::string rel : {"/../../../share/lus/scenarios", "/../../../scenarios"}) {
+      if (std::filesystem::is_directory(own + rel + "/demo-classic.hyk") ||
+          std::filesystem::exists(own + rel + "/demo-classic.hyk")) {
+         return std::filesystem::weakly_canonical(own + rel).string();
+      }
+   }
+   return HYKSIM_SCENARIO_DIR;
+}
+
+// `hyksim modules`: every module along the path and where; a name found twice fails.
+int ListModules(const Common &c) {
+   const auto dirs = c.Dirs();
+   std::cout << fmt::format("module path: {}\n", fmt::join(dirs, ":"));
+   const auto files = lusctl::ListModuleFiles(dirs);
+   int twice = 0;
+   for (size_t i = 0; i < files.size(); i++) {
+      const bool dup = (i > 0 && files[i - 1].name == files[i].name) ||
+                       (i + 1 < files.size() && files[i + 1].name == files[i].name);
+      twice += dup;
+      std::cout << fmt::format("  {:<28} {}{}\n", files[i].name, files[i].path, dup ? "   <- found twice" : "");
+   }
+   if (twice != 0) {
+      std::cerr << "hyksim modules: a module name is found twice; a host could not tell which to load\n";
+      return 1;
+   }
+   return 0;
+}
 
 // Starts the host; false (said on stderr) when its log file cannot be written.
 bool StartHost(const Common &c) {
@@ -64,7 +100,7 @@ bool StopHost() {
 
 hyksimtool::ScenarioOptions Options(const Common &c) {
    hyksimtool::ScenarioOptions o;
-   o.moduleDir = c.moduleDir;
+   o.moduleDir = fmt::format("{}", fmt::join(c.Dirs(), ":"));
    o.reportDir = c.reportDir;
    o.seed = c.seed;
    o.maxPorts = c.limits.maxPorts;
@@ -167,7 +203,12 @@ int main(int argc, char **argv) {
    auto common = [&c](CLI::App *s) {
       AddWhole<uint64_t>(s, "--seed", &c.seed, 0, UINT32_MAX, "seed of the client modules' state and of random faults");
       s->add_option("--log-file", c.logFile, "also write the host log to FILE");
-      s->add_option("--module-dir", c.moduleDir, "where lus and the client modules are")->capture_default_str();
+      s->add_option("--module-dir", c.moduleDir,
+                    "the programs' own modules (default: this installation's, or the build tree's)");
+      s->add_option("--module-path", c.modulePath,
+                    "DIR[:DIR...]: more modules, searched after the own ones and HYKSIM_MODULE_PATH's "
+                    "(a client as DIR/NAME-BUILD.so or DIR/clients/NAME-BUILD.so, lus as DIR/bBUILD/lus.so)")
+         ->allow_extra_args(false);   // one value per --module-path: the files after it are files
    };
    // What one host may be asked to hold (a line of a file or of a peer is bounded too).
    auto limits = [&c](CLI::App *s) {
@@ -201,6 +242,8 @@ int main(int argc, char **argv) {
    AddWhole<uint32_t>(serve, "--max-connections", &so.maxConnections, 1, 4096, "connections served at once");
    common(serve);
    limits(serve);
+   auto *modules = app.add_subcommand("modules", "list the modules along the module path, and where each is");
+   common(modules);
    try {
       app.parse(argc, argv);
    } catch (const CLI::ParseError &e) {
@@ -208,6 +251,7 @@ int main(int argc, char **argv) {
       return code == 0 ? 0 : 2;
    }
 
+   if (*modules) return ListModules(c);
    if (*run) return Run(c, files);
    if (*shell) return Shell(c);
    if (*serve) {
@@ -232,5 +276,5 @@ int main(int argc, char **argv) {
       if (!StopHost()) code = 1;
       return code;
    }
-   return Run(c, {std::string(HYKSIM_SCENARIO_DIR) + "/demo-classic.hyk"});
+   return Run(c, {ScenarioDir() + "/demo-classic.hyk"});
 }

@@ -13,9 +13,6 @@
 
 #include "tool.h"
 
-#ifndef LUSCTL_MODULE_DIR
-#define LUSCTL_MODULE_DIR "modules"
-#endif
 
 namespace {
 
@@ -36,7 +33,11 @@ Simulated host (given before or after the command):
                         command, for single commands
   --sim-virtual-clock   the host's virtual clock (time moves only when something sleeps),
                         instead of its real one
-  --module-dir DIR      where lus.so and clients/*.so are (default: the build's)
+  --module-dir DIR      the own modules (default: this installation's, or the build tree's)
+  --module-path DIR[:DIR...]
+                        more modules, searched after the own ones and HYKSIM_MODULE_PATH's
+                        (a client as DIR/NAME-BUILD.so or DIR/clients/NAME-BUILD.so,
+                        lus as DIR/bBUILD/lus.so)
 Example:
   lusctl --sim-portset ps0:100 --sim-portset ps1:100 --sim-client tarnq-vswitch \
          --sim-client tarnq-dfw --sim-client tarnq-stats \
@@ -49,7 +50,8 @@ struct SimOptions {
    bool lus = false, virtualClock = false;
    std::string hostSocket;
    double hostTimeoutSec = 30;
-   std::string moduleDir = LUSCTL_MODULE_DIR;
+   std::string moduleDir;                  // "": the program's own
+   std::vector<std::string> modulePath;
 };
 
 std::vector<std::string> Split(const std::string &s, char sep) {
@@ -106,6 +108,9 @@ bool TakeSimOptions(std::vector<std::string> &args, SimOptions &sim, std::string
          sim.hostTimeoutSec = sec;
       } else if (a == "--module-dir") {
          if (!value(&sim.moduleDir)) return false;
+      } else if (a == "--module-path") {
+         if (!value(&v)) return false;
+         sim.modulePath.push_back(v);
       } else if (a.rfind("--sim-", 0) == 0) {
          error = "unknown option " + a;
          return false;
@@ -200,7 +205,9 @@ int main(int argc, char **argv) {
    hyksim::HostOptions options;
    options.virtualClock = sim.virtualClock;
    hyksim::HostStart(options);
-   auto host = lusctl::MakeSimHost(sim.moduleDir);
+   const auto dirs = lusctl::ModuleSearchPath(sim.moduleDir.empty() ? lusctl::OwnModuleDir() : sim.moduleDir,
+                                              sim.modulePath);
+   auto host = lusctl::MakeSimHost(fmt::format("{}", fmt::join(dirs, ":")));
    int code = 2;
    if (!BuildHost(sim, *host, error)) {
       std::cerr << "lusctl: simulated host: " << error << "\n";

@@ -38,14 +38,6 @@ bool SplitBuild(const std::string &name, std::string *base, uint32_t *build) {
    return true;
 }
 
-std::string Thousands(uint64_t v) {
-   std::string s = std::to_string(v), out;
-   for (size_t i = 0; i < s.size(); i++) {
-      if (i != 0 && (s.size() - i) % 3 == 0) out += ',';
-      out += s[i];
-   }
-   return out;
-}
 
 }  // namespace
 
@@ -114,7 +106,7 @@ void PrintStatus(std::ostream &out, const HostStatus &s, const std::string &host
    out << fmt::format("clients:   {}\n", s.registered.empty() ? std::string("none registered with lus")
                                                               : fmt::format("{} (held by lus)", fmt::join(s.registered, ", ")));
    if (s.clearTimerArmed) {
-      out << fmt::format("timer:     lus's clear timer is armed: held state is dropped in {:.1f} s\n",
+      out << fmt::format("timer:     lus's clear timer is armed: in {:.1f} s it drops whatever state lus still holds\n",
                          static_cast<double>(s.clearTimerInUS) / 1e6);
    }
    out << fmt::format("blocked:   {} port(s) blocked by lus\n", s.blocked.size());

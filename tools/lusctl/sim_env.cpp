@@ -30,13 +30,17 @@ class SimDevice : public Device {
 
 class SimHost : public Host {
   public:
-   explicit SimHost(std::string moduleDir) : dir_(std::move(moduleDir)) {}
+   explicit SimHost(std::vector<std::string> dirs) : dirs_(std::move(dirs)) {}
 
    hyk_Status LoadModule(const std::string &name, const std::vector<std::string> &params,
                          std::string *error) override {
-      // lus of build N is modules/bN/lus.so (named "lus" once loaded); clients are clients/<name>.so.
-      const bool lus = name.rfind("lus-", 0) == 0;
-      const std::string path = lus ? dir_ + "/b" + name.substr(4) + "/lus.so" : dir_ + "/clients/" + name + ".so";
+      // lus of build N is bN/lus.so (named "lus" once loaded); a client is <name>.so.
+      std::string why;
+      const std::string path = FindModuleFile(dirs_, name, &why);
+      if (path.empty()) {
+         if (error != nullptr) *error = why;
+         return why.find("found twice") != std::string::npos ? HYK_EXISTS : HYK_NOT_FOUND;
+      }
       hyk_ModuleID id = HYK_INVALID_MODULE_ID;
       return hyksim::LoadModule(path, params, &id, error);
    }
@@ -79,13 +83,13 @@ class SimHost : public Host {
    uint64_t NowUS() override { return hyksim::NowUS(); }
 
   private:
-   std::string dir_;
+   std::vector<std::string> dirs_;
 };
 
 }  // namespace
 
-std::unique_ptr<Host> MakeSimHost(const std::string &moduleDir) {
-   return std::make_unique<SimHost>(moduleDir);
+std::unique_ptr<Host> MakeSimHost(const std::string &modulePath) {
+   return std::make_unique<SimHost>(SplitPath(modulePath));
 }
 
 std::unique_ptr<Device> MakeSimDevice() { return std::make_unique<SimDevice>(); }

@@ -95,10 +95,31 @@ struct Environment {
    std::string hostPath;   // the socket of a host in another process ("" for this process's)
 };
 
+// ---- where modules are ----------------------------------------------------------------
+
+// The programs' own modules: PREFIX/lib/lus/modules beside an installed
+// PREFIX/bin, or the build tree's modules/ -- found from the program's own
+// place, so that an installed tree can move.
+std::string OwnModuleDir();
+// "A:B:C" -> {A, B, C} (empty parts dropped).
+std::vector<std::string> SplitPath(const std::string &list);
+// `own`, then HYKSIM_MODULE_PATH's directories, then each of `extra` (each
+// a colon-separated list, as --module-path takes it).
+std::vector<std::string> ModuleSearchPath(const std::string &own, const std::vector<std::string> &extra);
+// The file of module `name` ("lus-2000": b2000/lus.so; "tarnq-dfw-1000":
+// tarnq-dfw-1000.so or clients/tarnq-dfw-1000.so) along `dirs`; "" with
+// *error when it is nowhere, found twice (both named) or not a name.
+std::string FindModuleFile(const std::vector<std::string> &dirs, const std::string &name, std::string *error);
+struct ModuleFile {
+   std::string name, path;
+};
+// Every module along `dirs`, by name (a name twice is listed twice).
+std::vector<ModuleFile> ListModuleFiles(const std::vector<std::string> &dirs);
+
 // The simulated host of this process: a user process's device, and the
-// host's control API.  `moduleDir` holds the builds of lus (b<build>/lus.so)
-// and the client modules (clients/<name>-<build>.so).
-std::unique_ptr<Host> MakeSimHost(const std::string &moduleDir);
+// host's control API.  `modulePath` is a colon-separated list of module
+// directories (see FindModuleFile).
+std::unique_ptr<Host> MakeSimHost(const std::string &modulePath);
 std::unique_ptr<Device> MakeSimDevice();
 
 // A host served by `hyksim serve` on a Unix socket: one connection carries
@@ -226,6 +247,7 @@ struct ClientRow {
    uint64_t byDesignBytes = 0;   // dropped by the per-portset flow's design (portset-phase maps)
    uint64_t byDesignPorts = 0;
    std::vector<uint32_t> mismatchedPorts, refusedPorts;   // from the ledger, by port
+   hyksim::LedgerCount sharedMismatched, sharedRefused;   // portset and global state
 };
 
 // One thing that keeps an upgrade from being "completed".  `kind` is what
@@ -280,6 +302,9 @@ struct Report {
    // The ports' names ("PORTSET#INDEX") by ID, for every port of the host.
    std::map<uint32_t, std::string> names;
 };
+
+// 1234567 -> "1,234,567".
+std::string Thousands(uint64_t v);
 
 // "PORTSET#INDEX" of every port of the host, by port ID.
 std::map<uint32_t, std::string> PortNames(const std::vector<hyksim::PortView> &ports);

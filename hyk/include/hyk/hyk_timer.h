@@ -24,6 +24,23 @@ uint64_t hyk_GetMonotonicCounterFrequency(void);
 /* hyk_GetTimeUS -- microseconds since the host started.  Context: any. */
 uint64_t hyk_GetTimeUS(void);
 
+/* The longest busy-wait hyk_TimerDelayUS performs, in microseconds. */
+#define HYK_TIMER_DELAY_MAX_US 100000u
+
+/*
+ * hyk_TimerDelayUS -- busy-waits `us` microseconds of host time without
+ * sleeping, for code that must let time pass where it may not sleep (with a
+ * spinlock held, in a timer callback).  A request longer than
+ * HYK_TIMER_DELAY_MAX_US waits that long and the host logs the cut.  With
+ * the virtual clock the clock moves forward by exactly `us` at once (the
+ * delays of several threads add up); a timer that falls due meanwhile fires
+ * at the clock's next advance, since the delay does not wait for timer
+ * callbacks (one may need the lock its caller holds).
+ * Never fails.
+ * Context: any; never sleeps.
+ */
+void hyk_TimerDelayUS(uint64_t us);
+
 /*
  * hyk_TimerQueueCreate -- creates a timer queue with its own timer thread.
  *   name: the queue's name.  owner: module.  heap: heap the queue is charged to.

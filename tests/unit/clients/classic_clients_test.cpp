@@ -97,6 +97,37 @@ TEST_F(ClassicClientsTest, TwoHundredPortsCarryEveryByteSavedConvertedAndVerifie
    UnloadAll();
 }
 
+// The new firewall's restores take their modelled time on the host's clock:
+// costUs a call plus costNsPerByte a byte restored, and nothing else moves the
+// virtual clock while the portsets are taken over (every other client's
+// callbacks cost nothing here).
+TEST_F(ClassicClientsTest, RestoreMovesTheVirtualClockByItsModelledTime) {
+   const std::vector<std::string> costless = {"costUs=0", "costNsPerByte=0"};
+   std::map<std::string, std::vector<std::string>> oldParams, newParams;
+   for (const auto &c : kClients) oldParams[c] = newParams[c] = costless;
+   newParams["tarnq-dfw"] = {"costUs=40", "costNsPerByte=7"};
+   SetUpHost(oldParams, newParams);
+   SaveAndSwap();
+   const uint64_t before = hyksim::NowUS();
+   ASSERT_EQ(hyksim::TakeOverPortset("ps0", kNew, 1), HYK_OK);
+   ASSERT_EQ(hyksim::TakeOverPortset("ps1", kNew, 1), HYK_OK);
+   const uint64_t took = hyksim::NowUS() - before;
+
+   auto dfw = hyksim::LedgerOf("tarnq-dfw");
+   uint64_t want = 0, calls = 0;
+   for (const auto &[port, bytes] : dfw.ports) {
+      if (bytes[HYKSIM_LEDGER_RESTORED] != 0) {
+         want += 40 + bytes[HYKSIM_LEDGER_RESTORED] * 7 / 1000;
+         calls++;
+      }
+   }
+   EXPECT_EQ(calls, Port(dfw, HYKSIM_LEDGER_RESTORED).ports);
+   EXPECT_GT(calls, 10u);
+   EXPECT_EQ(took, want);
+   for (hyk_PortID p : AllPorts()) EXPECT_FALSE(Blocked(p)) << p;
+   UnloadAll();
+}
+
 // getSize of the old firewall fails on one port: the save command fails with
 // the client's status, the clients are cleared, nothing is saved, and the
 // ports stay blocked (the tool must unblock or retry).

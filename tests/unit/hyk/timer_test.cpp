@@ -24,6 +24,57 @@ TEST_F(ClockTest, VirtualClockMovesOnlyWhenAdvanced) {
    EXPECT_EQ(hyk_TimerMonotonicCounter(), 1500000u);
 }
 
+TEST_F(ClockTest, DelayMovesTheVirtualClockByExactlyItsTime) {
+   hyk_TimerDelayUS(1500);
+   EXPECT_EQ(hyk_GetTimeUS(), 1500u);
+   EXPECT_EQ(hyk_TimerMonotonicCounter(), 1500000u);
+   hyk_TimerDelayUS(0);
+   EXPECT_EQ(hyk_GetTimeUS(), 1500u);
+   hyk_TimerDelayUS(1);
+   EXPECT_EQ(hyk_GetTimeUS(), 1501u);
+}
+
+TEST_F(ClockTest, DelaysOfTwoThreadsAndAnAdvanceAllAddUp) {
+   constexpr int kCalls = 20000;
+   std::atomic<bool> go{false};
+   auto delayer = [&](uint64_t us) {
+      while (!go) std::this_thread::yield();
+      for (int i = 0; i < kCalls; i++) hyk_TimerDelayUS(us);
+   };
+   std::thread a(delayer, 3), b(delayer, 5);
+   std::thread c([&] {
+      while (!go) std::this_thread::yield();
+      for (int i = 0; i < kCalls; i++) hyksim::AdvanceClock(7);
+   });
+   go = true;
+   a.join();
+   b.join();
+   c.join();
+   EXPECT_EQ(hyk_GetTimeUS(), uint64_t(kCalls) * (3 + 5 + 7));
+}
+
+TEST_F(ClockTest, DelayWithASpinlockHeldDoesNotCountAsASleep) {
+   hyk_LockDomainID domain;
+   hyk_SpinlockID lock;
+   ASSERT_EQ(hyk_LockDomainCreate("delay", 0, 0, &domain), HYK_OK);
+   ASSERT_EQ(hyk_SpinlockCreate("held", domain, 1, &lock), HYK_OK);
+   hyk_SpinlockLock(lock);
+   hyk_TimerDelayUS(250);
+   hyk_SpinlockUnlock(lock);
+   EXPECT_EQ(hyk_GetTimeUS(), 250u);
+   EXPECT_EQ(hyk_SpinlockDestroy(lock), HYK_OK);
+   EXPECT_EQ(hyk_LockDomainDestroy(domain), HYK_OK);
+}
+
+TEST_F(ClockTest, DelayLongerThanTheLimitIsCutAndLogged) {
+   hyk_TimerDelayUS(HYK_TIMER_DELAY_MAX_US + 5);
+   EXPECT_EQ(hyk_GetTimeUS(), uint64_t(HYK_TIMER_DELAY_MAX_US));
+   EXPECT_EQ(hyksim::LogCount("hyk_TimerDelayUS: a delay of 100005 us cut to 100000 us"), 1u);
+   hyk_TimerDelayUS(HYK_TIMER_DELAY_MAX_US);
+   EXPECT_EQ(hyk_GetTimeUS(), 2u * HYK_TIMER_DELAY_MAX_US);
+   EXPECT_EQ(hyksim::LogCount("hyk_TimerDelayUS"), 1u);
+}
+
 class CounterFrequencyTest : public HostTest {
   protected:
    hyksim::HostOptions Options() override {
@@ -199,6 +250,37 @@ TEST_F(TimerTest, DestroyWaitsForARunningCallback) {
    releaser.join();
 }
 
+// The delay does not wait for timer callbacks: what it passes fires at the
+// next advance, which then shows the clock where the delay left it.
+TEST_F(TimerTest, DelayLeavesTheTimersItPassesToTheNextAdvance) {
+   Fired f;
+   std::pair<Fired *, int> slot{&f, 1};
+   Add(&slot, 100);
+   hyk_TimerDelayUS(250);
+   EXPECT_EQ(hyksim::Counts().pendingTimers, 1u);
+   {
+      std::lock_guard<std::mutex> lk(f.mu);
+      EXPECT_TRUE(f.events.empty());
+   }
+   hyksim::AdvanceClock(0);
+   ASSERT_EQ(f.events.size(), 1u);
+   EXPECT_EQ(f.events[0].second, 250u);
+}
+
+void DelayingCallback(void *data, hyk_TimerHandle) {
+   hyk_TimerDelayUS(100);
+   *static_cast<uint64_t *>(data) = hyk_GetTimeUS();
+}
+
+// A callback's delay adds to the advance that fired it.
+TEST_F(TimerTest, DelayInACallbackAddsToTheAdvance) {
+   uint64_t seen = 0;
+   ASSERT_EQ(hyk_TimerAdd(queue_, DelayingCallback, &seen, 5, 0, 0, 0, nullptr), HYK_OK);
+   hyksim::AdvanceClock(10);
+   EXPECT_EQ(seen, 105u);
+   EXPECT_EQ(hyk_GetTimeUS(), 110u);
+}
+
 void SleepingCallback(void *, hyk_TimerHandle) { hyk_WorldSleep(10); }
 
 TEST_F(TimerTest, SleepingInACallbackPanics) {
@@ -220,6 +302,13 @@ class RealClockTimerTest : public HostTest {
 };
 
 void CountCallback(void *data, hyk_TimerHandle) { ++*static_cast<std::atomic<int> *>(data); }
+
+// On the real clock the delay spins; a request past the limit is cut there
+// too (the spin ends: the test returns).
+TEST_F(RealClockTimerTest, DelayLongerThanTheLimitIsCut) {
+   hyk_TimerDelayUS(uint64_t(1) << 40);
+   EXPECT_EQ(hyksim::LogCount("hyk_TimerDelayUS: a delay of 1099511627776 us cut to 100000 us"), 1u);
+}
 
 TEST_F(RealClockTimerTest, TimersFireOnTheirOwn) {
    hyk_TimerQueue q;

@@ -82,12 +82,17 @@ class ServeTest : public ::testing::Test {
       std::system(("mkdir -p " + dir_).c_str());
       socket_ = dir_ + "/host.sock";
       topology_ = dir_ + "/topology.hyk";
+      WriteTopology();
+      StartServer();
+   }
+
+   // The host before an upgrade: a switch, a firewall and statistics of build 1000, 40 ports.
+   void WriteTopology() {
       std::ofstream(topology_) << "load client tarnq-vswitch build=1000\n"
                                   "portset ps0 module=tarnq-vswitch-1000\n"
                                   "ports ps0 40 vms=20 external-id=a\n"
                                   "load client tarnq-dfw build=1000\n"
                                   "load client tarnq-stats build=1000\n";
-      StartServer();
    }
 
    // Starts the server with `extra` options, from a process whose umask is `mask`.
@@ -283,11 +288,7 @@ TEST_F(ServeTest, RecoverEndsCleanAfterTheToolIsKilledAtEachStep) {
       if (step > 1) {
          StopServer();
          std::system(("mkdir -p " + dir_).c_str());
-         std::ofstream(topology_) << "load client tarnq-vswitch build=1000\n"
-                                     "portset ps0 module=tarnq-vswitch-1000\n"
-                                     "ports ps0 40 vms=20 external-id=a\n"
-                                     "load client tarnq-dfw build=1000\n"
-                                     "load client tarnq-stats build=1000\n";
+         WriteTopology();
          StartServer();
       }
       int fd = -1;

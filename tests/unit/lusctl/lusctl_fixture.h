@@ -31,6 +31,16 @@ class LusctlTest : public ::testing::Test {
    }
    void TearDown() override { hyksim::HostStop(); }
 
+   // A fresh host on the virtual clock: time moves only when something sleeps or waits.
+   void VirtualHost() {
+      hyksim::HostStop();
+      hyksim::HostOptions o;
+      o.virtualClock = true;
+      hyksim::HostStart(o);
+      host_ = lusctl::MakeSimHost(LUS_MODULES_DIR);
+      env_.host = host_.get();
+   }
+
    CliRun Run(const std::vector<std::string> &args) {
       std::ostringstream out, err;
       int code = lusctl::RunCli(env_, args, out, err);

@@ -151,12 +151,7 @@ TEST_F(LusctlRecoverTest, StatusNamesTheHeldPortAndRecoverRestoresItOnceTheClien
 // The clear timer drops the held state: the port cannot come back by itself;
 // recover says so, and with --unblock-lost gives it up, listing it.
 TEST_F(LusctlRecoverTest, APortWhoseStateTheClearTimerDroppedIsLostUntilGivenUp) {
-   hyksim::HostStop();
-   hyksim::HostOptions o;
-   o.virtualClock = true;
-   hyksim::HostStart(o);
-   host_ = lusctl::MakeSimHost(LUS_MODULES_DIR);
-   env_.host = host_.get();
+   VirtualHost();
    OldHost({{"ps0", 4}});
    const uint32_t port = hyksim::Ports("ps0").at(3).id;
    Run({"upgrade", "classic", "--from-build", "1000", "--to-build", "2000", "--portset", "ps0", "--module-param",

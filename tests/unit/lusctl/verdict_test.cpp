@@ -19,16 +19,6 @@ using nlohmann::json;
 
 class LusctlVerdictTest : public LusctlTest {
   protected:
-   // A fresh host on the virtual clock: time moves only when something sleeps.
-   void VirtualHost() {
-      hyksim::HostStop();
-      hyksim::HostOptions o;
-      o.virtualClock = true;
-      hyksim::HostStart(o);
-      host_ = lusctl::MakeSimHost(LUS_MODULES_DIR);
-      env_.host = host_.get();
-   }
-
    static std::vector<std::string> Upgrade(std::vector<std::string> extra = {}) {
       std::vector<std::string> args = {"upgrade", "classic", "--from-build", "1000", "--to-build", "2000",
                                        "--portset", "ps0"};

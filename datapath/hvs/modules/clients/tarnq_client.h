@@ -79,6 +79,33 @@ TARNQ_PARAM uint32_t slowMs = 0;
 TARNQ_PARAM uint32_t slowPort = 0;
 /* The most the client's own heap may grow to, in MiB. */
 TARNQ_PARAM uint32_t heapMaxMB = 512;
+/*
+ * The time a state callback takes on the host's clock: costUs for the call
+ * plus costNsPerByte for every byte of state it saves or restores (sizing
+ * handles none).  Without them every callback would take no time at all on
+ * the virtual clock, where only what sleeps or waits moves time, and an
+ * upgrade's outages would all read 0.
+ *
+ * The defaults model a datapath module that keeps its per-port state in
+ * tables of small entries: 20 us a call to find the port's objects, take
+ * and drop its locks and allocate a record (a few cache misses on a port
+ * nobody touched for minutes, and a heap allocation), and 10 ns a byte
+ * (about 100 MB/s) to convert its state entry by entry rather than copy it:
+ * each entry is read, checked, given its new field and inserted into a
+ * hashed table.  A port of a few KiB then costs its client tens of us per
+ * callback, and the firewall's largest connection tables (tens of KiB)
+ * about half a millisecond each way.  A client defines
+ * TARNQ_DEFAULT_COST_US / TARNQ_DEFAULT_COST_NS_PER_BYTE before including
+ * this file to model other work (the benchmark clients: none).
+ */
+#ifndef TARNQ_DEFAULT_COST_US
+#define TARNQ_DEFAULT_COST_US 20u
+#endif
+#ifndef TARNQ_DEFAULT_COST_NS_PER_BYTE
+#define TARNQ_DEFAULT_COST_NS_PER_BYTE 10u
+#endif
+TARNQ_PARAM uint32_t costUs = TARNQ_DEFAULT_COST_US;
+TARNQ_PARAM uint32_t costNsPerByte = TARNQ_DEFAULT_COST_NS_PER_BYTE;
 HYK_EXTERN_C_END
 
 HYK_MODULE_PARAM(seed, HYK_PARAM_UINT, "seed of the generated state");
@@ -92,6 +119,8 @@ HYK_MODULE_PARAM(slowSlot, HYK_PARAM_INT, "callback slot that is slow (-1 none)"
 HYK_MODULE_PARAM(slowMs, HYK_PARAM_UINT, "how long the slow callback takes, ms");
 HYK_MODULE_PARAM(slowPort, HYK_PARAM_UINT, "port on which it is slow (0 any)");
 HYK_MODULE_PARAM(heapMaxMB, HYK_PARAM_UINT, "most the client's heap may grow to, MiB");
+HYK_MODULE_PARAM(costUs, HYK_PARAM_UINT, "time of each state callback, us");
+HYK_MODULE_PARAM(costNsPerByte, HYK_PARAM_UINT, "time per byte of state handled, ns");
 
 /* ---- small helpers (no C library) ------------------------------------------------------ */
 
@@ -309,6 +338,20 @@ static inline hyk_Status tarnqMisbehave(uint32_t slot, uint32_t portID)
       return HYK_OK;
    }
    return failStatus;
+}
+
+/*
+ * Lets the modelled time of a state callback pass: costUs, plus
+ * costNsPerByte for each of `bytes` bytes (rounded down to the us).  A
+ * busy-wait, never a sleep: lus calls some of these callbacks with a
+ * spinlock held (the upgrade world's pass, a pulled restore).
+ */
+static inline void tarnqSpend(uint64_t bytes)
+{
+   const uint64_t us = costUs + bytes * costNsPerByte / 1000u;
+   if (us != 0) {
+      hyk_TimerDelayUS(us);
+   }
 }
 
 /* ---- per-port state the client keeps --------------------------------------------------------- */

@@ -164,6 +164,7 @@ static hyk_Status tarnqGetSize(void *record, uint32_t portID, uint64_t *stateLen
       return HYK_NO_MEMORY;
    }
    *stateLen = reportSize >= 0 ? (uint64_t)reportSize : state->len;
+   tarnqSpend(0);
    return HYK_OK;
 }
 
@@ -183,6 +184,7 @@ static hyk_Status tarnqGetRuntimeState(void *record, uint32_t portID, void *buff
    tarnqCopy(buffer, state->data, n);
    *stateLen = overrun != 0 ? length + 1 : n;
    hyksim_LedgerPort(TARNQ_CLIENT_NAME, TARNQ_BUILD, HYKSIM_LEDGER_SAVED, portID, n);
+   tarnqSpend(n);
    return HYK_OK;
 }
 
@@ -200,6 +202,8 @@ static hyk_Status tarnqRuntimeRestore(void *record, uint32_t portID, void *buffe
    uint8_t *own = tarnqTakeBlob(*TARNQ_PORT_CODEC, TARNQ_KIND_PORT, scope,
                                 static_cast<const uint8_t *>(buffer), length, portID, "",
                                 sizeof(TarnqPortState), &ownLen, &status);
+   /* Refused state is looked at no further than its header. */
+   tarnqSpend(own != nullptr ? length : 0);
    if (own == nullptr) {
       return status;
    }
@@ -261,6 +265,7 @@ static hyk_Status tarnqSaveShared(const TarnqCodec &c, uint32_t kind, uintptr_t 
    *buffer = s->data;
    *length = len;
    hyksim_LedgerShared(TARNQ_CLIENT_NAME, TARNQ_BUILD, HYKSIM_LEDGER_SAVED, scopeName, len);
+   tarnqSpend(len);
    return HYK_OK;
 }
 
@@ -287,6 +292,7 @@ static hyk_Status tarnqRestoreShared(const TarnqCodec &c, uint32_t kind, const c
    TarnqRng scope = tarnqScopeRng(TARNQ_CLIENT_NAME, kind, tarnqMixString(kind, scopeName, 128));
    uint8_t *own = tarnqTakeBlob(c, kind, scope, static_cast<const uint8_t *>(buffer), length, 0,
                                 scopeName, 0, &ownLen, &status);
+   tarnqSpend(own != nullptr ? length : 0);
    /* The new build would install it; the sample keeps nothing of it. */
    tarnqFree(own);
    return status;

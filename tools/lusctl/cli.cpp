@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -69,8 +70,8 @@ bool CheckPortsets(const std::vector<std::string> &names, std::ostream &err) {
 
 bool WriteFile(const std::string &path, const std::string &text, std::ostream &err) {
    std::ofstream f(path);
-   if (!(f << text)) {
-      err << fmt::format("lusctl: cannot write {}\n", path);
+   if (!(f << text) || !f.flush()) {
+      err << fmt::format("lusctl: cannot write {}: {}\n", path, std::strerror(errno));
       return false;
    }
    return true;
@@ -318,7 +319,11 @@ class Cli {
       });
       auto *portset = up->add_subcommand("portset", "interface version 1, a portset at a time");
       common(portset);
-      portset->add_option("--module", f_.modules, "a further module of command 9: from:NAME or to:NAME");
+      portset->add_option("--module", f_.modules, "a further module of command 9: from:NAME or to:NAME")
+         ->check([](const std::string &v) {
+            const bool ok = (v.rfind("from:", 0) == 0 && v.size() > 5) || (v.rfind("to:", 0) == 0 && v.size() > 3);
+            return ok ? std::string() : "expected from:NAME or to:NAME: " + v;
+         });
       portset->add_option("--container-port", f_.containerPorts, "a port upgraded alone (command 10)");
       portset->callback([this] {
          f_.kind = FlowOptions::kPortset;

@@ -167,6 +167,13 @@ class FlowBuilder {
          auto issue = s.run;
          // The upgrade world moves the portset's state to the new build as it goes.
          s.run = [this, issue](std::string *d) {
+            // A --module that names no loaded module is refused, not left out of the list.
+            for (const auto &extra : opts_.modules) {
+               if (!ModuleIdOf(extra.substr(extra.find(':') + 1))) {
+                  *d = fmt::format("--module {}: no such module is loaded", extra);
+                  return static_cast<hyk_Status>(HYK_NOT_FOUND);
+               }
+            }
             pastPointOfNoReturn_ = true;
             return issue(d);
          };
@@ -389,6 +396,13 @@ class FlowBuilder {
          if (p.name == name) return p.fastDatapath;
       }
       return false;
+   }
+
+   std::optional<hyk_ModuleID> ModuleIdOf(const std::string &name) {
+      for (const auto &m : host_.Modules()) {
+         if (m.name == name) return m.id;
+      }
+      return std::nullopt;
    }
 
    // Command 9's module list: every old module and its new twin, and the extras.

@@ -11,6 +11,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "input.h"
 #include "tool.h"
 
 
@@ -44,8 +45,20 @@ Example:
          upgrade classic --from-build 1000 --to-build 2000 --portset ps0 --portset ps1 \
          --module-param seed=7 --report-json r.json --trace t.json --chart c.svg)";
 
+// A --sim-portset NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]], read and checked.
+struct SimPortset {
+   std::string name, className = "etherswitch";
+   uint32_t vnics = 0, containers = 0;
+   bool fdp = false;
+};
+
+// The ports of one --sim-portset, at most: the simulated host of this process
+// is sized for the benchmarks' 16,384 ports and a margin.
+constexpr uint32_t kMaxSimPorts = 65536;
+
 struct SimOptions {
-   std::vector<std::string> portsets, clients;
+   std::vector<SimPortset> portsets;
+   std::vector<std::string> clients;
    uint32_t build = 1000, seed = 7;
    bool lus = false, virtualClock = false;
    std::string hostSocket;
@@ -60,6 +73,27 @@ std::vector<std::string> Split(const std::string &s, char sep) {
    std::string part;
    while (std::getline(ss, part, sep)) out.push_back(part);
    return out;
+}
+
+// NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]], every count read with input.h.
+bool ParseSimPortset(const std::string &layout, SimPortset *ps, std::string &error) {
+   const auto f = Split(layout, ':');
+   auto bad = [&](const std::string &why) {
+      error = fmt::format("--sim-portset {}: {}", lusinput::Quoted(layout), why);
+      return false;
+   };
+   if (f.size() < 2 || f.size() > 5 || f[0].empty()) return bad("expected NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]]");
+   std::string why;
+   if (!lusinput::ParseWhole<uint32_t>(f[1], "VNICS", 0, kMaxSimPorts, &ps->vnics, &why)) return bad(why);
+   if (f.size() > 2 && !f[2].empty() &&
+       !lusinput::ParseWhole<uint32_t>(f[2], "CONTAINERS", 0, kMaxSimPorts - ps->vnics, &ps->containers, &why)) {
+      return bad(why);
+   }
+   if (f.size() > 4 && f[4] != "fdp" && !f[4].empty()) return bad("the fifth field is 'fdp' or nothing");
+   ps->name = f[0];
+   if (f.size() > 3 && !f[3].empty()) ps->className = f[3];
+   ps->fdp = f.size() > 4 && f[4] == "fdp";
+   return true;
 }
 
 // Takes the --sim-* options (and --module-dir) out of the arguments.
@@ -77,20 +111,15 @@ bool TakeSimOptions(std::vector<std::string> &args, SimOptions &sim, std::string
       };
       std::string v;
       if (a == "--sim-portset") {
-         if (!value(&v)) return false;
-         sim.portsets.push_back(v);
+         SimPortset ps;
+         if (!value(&v) || !ParseSimPortset(v, &ps, error)) return false;
+         sim.portsets.push_back(ps);
       } else if (a == "--sim-client") {
          if (!value(&v)) return false;
          sim.clients.push_back(v);
       } else if (a == "--sim-build" || a == "--sim-seed") {
          if (!value(&v)) return false;
-         char *end = nullptr;
-         unsigned long n = std::strtoul(v.c_str(), &end, 10);
-         if (v.empty() || *end != '\0') {
-            error = a + ": not a number: " + v;
-            return false;
-         }
-         (a == "--sim-build" ? sim.build : sim.seed) = static_cast<uint32_t>(n);
+         if (!lusinput::ParseWhole<uint32_t>(v, a, a == "--sim-build" ? &sim.build : &sim.seed, &error)) return false;
       } else if (a == "--sim-lus") {
          sim.lus = true;
       } else if (a == "--sim-virtual-clock") {
@@ -99,13 +128,13 @@ bool TakeSimOptions(std::vector<std::string> &args, SimOptions &sim, std::string
          if (!value(&sim.hostSocket)) return false;
       } else if (a == "--host-timeout") {
          if (!value(&v)) return false;
-         char *end = nullptr;
-         double sec = std::strtod(v.c_str(), &end);
-         if (v.empty() || *end != '\0' || !(sec > 0) || sec > 86400) {
-            error = "--host-timeout: seconds, more than 0 and at most 86400: " + v;
+         uint64_t us = 0;
+         if (!lusinput::ParseSeconds(v, "--host-timeout", 86400ull * 1000000, &us, &error)) return false;
+         if (us < 1000) {
+            error = fmt::format("bad value {} for --host-timeout: at least a millisecond is needed", lusinput::Quoted(v));
             return false;
          }
-         sim.hostTimeoutSec = sec;
+         sim.hostTimeoutSec = static_cast<double>(us) / 1e6;
       } else if (a == "--module-dir") {
          if (!value(&sim.moduleDir)) return false;
       } else if (a == "--module-path") {
@@ -134,37 +163,36 @@ bool BuildHost(const SimOptions &sim, lusctl::Host &host, std::string &error) {
       }
    }
    for (const auto &layout : sim.portsets) {
-      auto f = Split(layout, ':');
-      if (f.size() < 2 || f[0].empty()) {
-         error = "--sim-portset " + layout + ": expected NAME:VNICS[:CONTAINERS[:CLASS[:fdp]]]";
-         return false;
-      }
       hyksim::PortsetSpec desc;
-      desc.name = f[0];
-      desc.className = f.size() > 3 && !f[3].empty() ? f[3] : "etherswitch";
-      desc.fastDatapath = f.size() > 4 && f[4] == "fdp";
+      desc.name = layout.name;
+      desc.className = layout.className;
+      desc.fastDatapath = layout.fdp;
       const std::string sw = fmt::format("tarnq-vswitch-{}", sim.build);
       if (hyksim::FindModule(sw)) desc.classModule = sw;
       if (hyksim::AddPortset(desc) != HYK_OK) {
          error = "cannot add portset " + desc.name;
          return false;
       }
-      const int vnics = std::atoi(f[1].c_str());
-      const int containers = f.size() > 2 ? std::atoi(f[2].c_str()) : 0;
-      for (int i = 0; i < vnics; i++) {
+      for (uint32_t i = 0; i < layout.vnics; i++) {
          hyksim::PortSpec port;
          port.vmUUID = fmt::format("{}-vm-{}", desc.name, i / 2);
-         port.vnicIndex = static_cast<uint32_t>(i % 2);
+         port.vnicIndex = i % 2;
          port.properties["com.corvid.port.extraConfig.vnic.external.id"] = "ext-" + desc.name;
          hyk_PortID id = 0;
-         hyksim::AddPort(desc.name, port, &id);
+         if (hyksim::AddPort(desc.name, port, &id) != HYK_OK) {
+            error = "cannot add a port to portset " + desc.name;
+            return false;
+         }
       }
-      for (int i = 0; i < containers; i++) {
+      for (uint32_t i = 0; i < layout.containers; i++) {
          hyksim::PortSpec port;
          port.clientType = HYK_PORT_CLIENT_CONTAINER;
          port.properties["com.corvid.common.port.pfilteraltkpx"] = fmt::format("filter-{}", i);
          hyk_PortID id = 0;
-         hyksim::AddPort(desc.name, port, &id);
+         if (hyksim::AddPort(desc.name, port, &id) != HYK_OK) {
+            error = "cannot add a port to portset " + desc.name;
+            return false;
+         }
       }
    }
    if (sim.lus) {

@@ -29,6 +29,14 @@
 
 #define TARNQ_EVENT_PORT_UNBLOCK "com.corvid.tarn.kcp.port.unblock"
 
+/* The codec a role names (a callback of a role without one is never
+ * registered); a function, so that no compiler sees a null dereference in
+ * the roles that name nullptr. */
+static inline const TarnqCodec &tarnqCodecOf(const TarnqCodec *codec)
+{
+   return *codec;
+}
+
 /* ---- verifying and converting what the old build handed over ----------------------------- */
 
 /*
@@ -126,7 +134,7 @@ static TarnqPortState *tarnqPortStateOf(uint32_t portID)
    if (state != nullptr) {
       return state;
    }
-   const TarnqCodec &c = *TARNQ_PORT_CODEC;
+   const TarnqCodec &c = tarnqCodecOf(TARNQ_PORT_CODEC);
    TarnqRng scope = tarnqScopeRng(TARNQ_CLIENT_NAME, TARNQ_KIND_PORT, tarnqPortKey(portID));
    const uint32_t n = c.count(scope);
    const uint32_t len = n == 0 ? 0 : tarnqBlobSize(c, TARNQ_FORMAT, n);
@@ -199,7 +207,7 @@ static hyk_Status tarnqRuntimeRestore(void *record, uint32_t portID, void *buffe
    TarnqRng scope = tarnqScopeRng(TARNQ_CLIENT_NAME, TARNQ_KIND_PORT, tarnqPortKey(portID));
    /* The port's record and its state in one allocation, so that nothing can
     * fail once the state is taken. */
-   uint8_t *own = tarnqTakeBlob(*TARNQ_PORT_CODEC, TARNQ_KIND_PORT, scope,
+   uint8_t *own = tarnqTakeBlob(tarnqCodecOf(TARNQ_PORT_CODEC), TARNQ_KIND_PORT, scope,
                                 static_cast<const uint8_t *>(buffer), length, portID, "",
                                 sizeof(TarnqPortState), &ownLen, &status);
    /* Refused state is looked at no further than its header. */
@@ -302,7 +310,7 @@ static hyk_Status tarnqGlobalSave(ClientEntry *from, void **buffer, uint32_t *le
 {
    hyk_Status status = tarnqMisbehave(6, 0);
    return status != HYK_OK ? status
-                           : tarnqSaveShared(*TARNQ_GLOBAL_CODEC, TARNQ_KIND_GLOBAL, 0, "global",
+                           : tarnqSaveShared(tarnqCodecOf(TARNQ_GLOBAL_CODEC), TARNQ_KIND_GLOBAL, 0, "global",
                                              buffer, length);
 }
 
@@ -310,7 +318,7 @@ static hyk_Status tarnqGlobalRestore(ClientEntry *to, void *buffer, uint32_t len
 {
    hyk_Status status = tarnqMisbehave(7, 0);
    return status != HYK_OK ? status
-                           : tarnqRestoreShared(*TARNQ_GLOBAL_CODEC, TARNQ_KIND_GLOBAL, "global",
+                           : tarnqRestoreShared(tarnqCodecOf(TARNQ_GLOBAL_CODEC), TARNQ_KIND_GLOBAL, "global",
                                                 buffer, length);
 }
 
@@ -325,7 +333,7 @@ static hyk_Status tarnqPsSave(ClientEntry *from, hyk_Portset *ps, void **buffer,
 {
    hyk_Status status = tarnqMisbehave(9, 0);
    return status != HYK_OK ? status
-                           : tarnqSaveShared(*TARNQ_PORTSET_CODEC, TARNQ_KIND_PORTSET,
+                           : tarnqSaveShared(tarnqCodecOf(TARNQ_PORTSET_CODEC), TARNQ_KIND_PORTSET,
                                              (uintptr_t)ps, hyk_PortsetName(ps), buffer, length);
 }
 
@@ -333,7 +341,7 @@ static hyk_Status tarnqPsRestore(ClientEntry *to, hyk_Portset *ps, void *buffer,
 {
    hyk_Status status = tarnqMisbehave(10, 0);
    return status != HYK_OK ? status
-                           : tarnqRestoreShared(*TARNQ_PORTSET_CODEC, TARNQ_KIND_PORTSET,
+                           : tarnqRestoreShared(tarnqCodecOf(TARNQ_PORTSET_CODEC), TARNQ_KIND_PORTSET,
                                                 hyk_PortsetName(ps), buffer, length);
 }
 

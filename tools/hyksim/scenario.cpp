@@ -588,14 +588,20 @@ std::string Interpreter::Execute(const std::string &line) {
    if (words.empty()) return "";
    try {
       // "@PORTSET#INDEX" anywhere in a word stands for that port's ID.
+      // Built anew left to right: a word of many references costs its length, not its square.
       for (auto &w : words) {
-         for (size_t at = w.find('@'); at != std::string::npos; at = w.find('@', at)) {
-            size_t end = w.find_first_of(" ,=", at + 1);
-            std::string ref = w.substr(at + 1, end == std::string::npos ? std::string::npos : end - at - 1);
-            std::string id = std::to_string(impl_->Port(ref));
-            w.replace(at, ref.size() + 1, id);
-            at += id.size();
+         if (w.find('@') == std::string::npos) continue;
+         std::string out;
+         size_t from = 0;
+         for (size_t at = w.find('@'); at != std::string::npos; at = w.find('@', from)) {
+            const size_t end = w.find_first_of(" ,=", at + 1);
+            const std::string ref = w.substr(at + 1, end == std::string::npos ? std::string::npos : end - at - 1);
+            out.append(w, from, at - from);
+            out += std::to_string(impl_->Port(ref));
+            from = at + 1 + ref.size();
          }
+         out.append(w, from, std::string::npos);
+         w.swap(out);
       }
       impl_->Run(words);
    } catch (const Fail &f) {

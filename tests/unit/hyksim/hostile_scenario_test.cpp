@@ -147,6 +147,19 @@ TEST_F(HostileScenarioTest, AReadErrorOrALineWithoutEndIsAFailureNotAnEnd) {
    EXPECT_NE(last.find("last\n"), std::string::npos) << last;
 }
 
+TEST_F(HostileScenarioTest, PortReferencesInAWordAreEachReplacedOnce) {
+   std::string many;
+   for (int i = 0; i < 20000; i++) many += (i ? ",@a#" : "@a#") + std::to_string(i % 3);
+   bool ok = false;
+   const std::string out = RunText("portset a\nports a 3\necho x=@a#0,@a#2=@a#1 tail\necho " + many + "\n", &ok);
+   EXPECT_TRUE(ok) << out.substr(0, 300);
+   EXPECT_NE(out.find("x=1,3=2 tail\n"), std::string::npos) << out.substr(0, 300);
+   std::string expanded;
+   for (int i = 0; i < 20000; i++) expanded += (i ? "," : "") + std::to_string(i % 3 + 1);
+   EXPECT_NE(out.find(expanded + "\n"), std::string::npos);
+   ExpectFailure("portset a\nports a 3\necho @a#0,@a#3\n", 3, "unknown port 'a#3': portset a has 3 ports");
+}
+
 TEST_F(HostileScenarioTest, ModuleNamesAreNamesNotPaths) {
    ExpectFailure("load client ../../tmp/evil build=1000\n", 1,
                  "load: bad module name '../../tmp/evil-1000': a name is letters, digits, '-', '_' and '.', never a path");

@@ -43,8 +43,6 @@ std::string Versioned(const std::string &name, uint32_t build) {
    return fmt::format("{}-{}", name, build);
 }
 
-bool IsLusBlocked(const hyksim::PortView &p) { return (p.blockReasons & HYK_PORT_BLOCK_CUSTOM) != 0; }
-
 // What a flow needs before it blocks a port.  Each failed check is one line.
 std::vector<std::string> PreChecks(Host &host, const FlowOptions &opts, const std::vector<std::string> &old) {
    std::vector<std::string> why;
@@ -337,7 +335,7 @@ class FlowBuilder {
          size_t blocked = 0, total = 0;
          for (const auto &p : UpgradedPorts(host_, opts_.portsets)) {
             total++;
-            blocked += (p.blockReasons & HYK_PORT_BLOCK_CUSTOM) != 0;
+            blocked += IsLusBlocked(p);
          }
          *d = fmt::format("{} of {} ports pass traffic", total - blocked, total);
          return blocked == 0 ? static_cast<hyk_Status>(HYK_OK) : static_cast<hyk_Status>(HYK_BUSY);
@@ -472,11 +470,7 @@ void RunSteps(Environment &env, const FlowOptions &opts, const Progress &progres
    }
    const int total = static_cast<int>(steps.size());
    for (int i = 0; i < total; i++) {
-      StepRecord rec;
-      rec.index = i + 1;
-      rec.name = steps[i].name;
-      rec.number = steps[i].number;
-      if (rec.number != UINT32_MAX) rec.command = CommandLabel(rec.number);
+      StepRecord rec = NewStepRecord(i + 1, steps[i].name, steps[i].number);
       if (opts.dryRun) {
          rec.detail = rec.number != UINT32_MAX ? "payload " + (steps[i].payload.empty() ? std::string("(none)") : HexOf(steps[i].payload)) : "host action";
          result.steps.push_back(rec);
@@ -514,6 +508,15 @@ void RunSteps(Environment &env, const FlowOptions &opts, const Progress &progres
 }
 
 }  // namespace
+
+StepRecord NewStepRecord(int index, const std::string &name, uint32_t number) {
+   StepRecord rec;
+   rec.index = index;
+   rec.name = name;
+   rec.number = number;
+   if (number != UINT32_MAX) rec.command = CommandLabel(number);
+   return rec;
+}
 
 FlowResult RunFlow(Environment &env, const FlowOptions &opts, const Progress &progress) {
    FlowResult result;

@@ -23,8 +23,6 @@ namespace lusctl {
 
 namespace {
 
-bool IsLusBlocked(const hyksim::PortView &p) { return (p.blockReasons & HYK_PORT_BLOCK_CUSTOM) != 0; }
-
 // "tarnq-dfw-1000" -> ("tarnq-dfw", 1000); false for a name without a build.
 bool SplitBuild(const std::string &name, std::string *base, uint32_t *build) {
    auto dash = name.rfind('-');
@@ -397,11 +395,7 @@ FlowResult Recover(Environment &env, const RecoverOptions &ropts, FlowOptions *o
       result.pointOfNoReturnName = why;
       const int total = static_cast<int>(steps.size());
       for (int i = 0; i < total; i++) {
-         StepRecord rec;
-         rec.index = i + 1;
-         rec.name = steps[i].name;
-         rec.number = steps[i].number;
-         if (rec.number != UINT32_MAX) rec.command = CommandLabel(rec.number);
+         StepRecord rec = NewStepRecord(i + 1, steps[i].name, steps[i].number);
          if (progress) progress(rec, total, false);
          rec.startUS = host.NowUS();
          rec.status = steps[i].run(&rec.detail);

@@ -197,7 +197,7 @@ PortRow RowOf(const hyksim::PortView &p, const Report &r, const FlowOptions &opt
    row.fromUS = row.intervals.empty() ? 0 : p.blocked.back().fromUS;
    row.overBudget = opts.maxOutageSec != 0 && row.hostUS > uint64_t{opts.maxOutageSec} * 1000000u &&
                     !row.intervals.empty();
-   row.blocked = (p.blockReasons & HYK_PORT_BLOCK_CUSTOM) != 0;
+   row.blocked = IsLusBlocked(p);
    row.passes = p.blockReasons == 0;
    row.everBlocked = !row.intervals.empty() || row.blocked;
    row.inUpgrade = std::find(opts.portsets.begin(), opts.portsets.end(), p.portset) != opts.portsets.end();

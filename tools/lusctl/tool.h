@@ -214,6 +214,12 @@ struct FlowResult {
 std::vector<std::string> ParamsFor(const std::vector<std::string> &params, const std::string &module,
                                    uint32_t build);
 
+// A step's record before it runs: its number, name and device command.
+StepRecord NewStepRecord(int index, const std::string &name, uint32_t number);
+
+// Blocked by lus (its block reason, 0x2000), whatever else blocks the port.
+inline bool IsLusBlocked(const hyksim::PortView &p) { return (p.blockReasons & HYK_PORT_BLOCK_CUSTOM) != 0; }
+
 // Progress: called before and after each step.
 using Progress = std::function<void(const StepRecord &step, int total, bool done)>;
 

@@ -206,6 +206,57 @@ TEST_F(ClassicStressTest, TimerFiringDuringARestoreWaitsForThatPortAndDropsTheRe
    UnloadAndCheckNothingPinned();
 }
 
+// The timer fires while a restore callback sleeps: the timer's callback may
+// not sleep, so the clear does not wait there.  It stops new restores, keeps
+// the registry taken and returns; the restore under way finishes its port
+// and then the clear.  A command that comes meanwhile sleeps until the clear
+// has ended.  (The callback gives the timer a bounded real-time while to
+// come back, so a clear that waited inside the timer ends the test with a
+// failure instead of a hang.)
+TEST_F(ClassicStressTest, TheTimersClearLeavesItsEndToTheRestoreUnderWay) {
+   SetUpClassic();
+   SaveThroughDevice();
+   Latch inCallback;
+   std::atomic<bool> timerReturned{false};
+   std::atomic<bool> sawTimerReturn{false};
+   std::atomic<int> calls{0};
+   pairs_[0].to->config().onCall = [&](Slot slot) {
+      if (slot != kRuntimeRestore || calls++ != 0) return;
+      inCallback.Open();
+      for (int i = 0; i < 5000 && !timerReturned.load(); i++) {
+         hyk_WorldSleep(1000);  // a restore callback may sleep
+         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      sawTimerReturn = timerReturned.load();
+   };
+   const StressPort first = ports_[0];
+   std::thread poster([&] { PostUnblock(first.portset, first.id); });
+   inCallback.Wait();
+   hyksim::AdvanceClock(saveTimeUS_ + kClearDeadlineUS + 1000 - hyksim::NowUS());
+   timerReturned = true;
+   const uint32_t registry = __atomic_load_n(LusVar<uint32_t>("lusRegistryState"), __ATOMIC_ACQUIRE);
+   std::atomic<bool> commandDone{false};
+   hyk_Status commandStatus = HYK_FAILURE;
+   std::thread command([&] {
+      commandStatus = Tool().StateRestoreComplete();
+      commandDone = true;
+   });
+   poster.join();
+   command.join();
+
+   EXPECT_TRUE(sawTimerReturn.load()) << "the clear waited inside the timer's callback";
+   EXPECT_EQ(registry, 0x8u) << "the registry is held for the clear's end, by nobody else";
+   EXPECT_EQ(__atomic_load_n(LusVar<uint32_t>("lusRegistryState"), __ATOMIC_ACQUIRE), 0u);
+   EXPECT_TRUE(commandDone.load());
+   EXPECT_NE(commandStatus, HYK_FAILURE);
+   LedgerFigures f = CheckLedger();
+   EXPECT_EQ(f.restored, static_cast<size_t>(ClientPairs()));   // the port under way, whole
+   EXPECT_EQ(f.dropped, f.records - f.restored);
+   EXPECT_FALSE(Blocked(first.id));
+   EXPECT_EQ(hyksim::LogCount("Clearing LUS Client data ..."), 1u);
+   UnloadAndCheckNothingPinned();
+}
+
 // A map emptied while a restore callback runs (the save command's
 // unregistration post fails, so it empties the map at once, without the
 // clear's wait): the record under restore is detached, not freed.  Its

@@ -97,8 +97,12 @@ constinit hyk_SpinlockID lusMapLock = HYK_INVALID_LOCK;
 
 /* Owner of the registry (LUS_REGISTRY_*); see lusRegistryAcquire. */
 constinit uint32_t lusRegistryState = 0;
+/* Guarded by lusMapLock, as are the two below. */
 constinit uint8_t lusClearInProgress = 0;
 constinit uint32_t lusRestoresInFlight = 0;
+/* A clear waits for restores under way: the last of them finishes it (see LUS_ClientClear). */
+constinit uint8_t lusClearHandedOff = 0;
+constinit uint32_t lusClearHandedOffPortPhase = 0;
 
 constinit LusListLinks lusGlobalState = {nullptr, nullptr};
 constinit LusPsState lusPsState = {};
@@ -228,56 +232,77 @@ enum : uint32_t {
    LUS_REGISTRY_COMMAND = 0x1, /* a command (or the unload) owns it */
    LUS_REGISTRY_CLEAR = 0x2,   /* a clear from outside owns it */
    LUS_REGISTRY_PENDING = 0x4, /* a clear from outside waits for the owner to let go */
+   LUS_REGISTRY_DRAIN = 0x8,   /* a clear waits for restores under way; the last one ends it */
 };
 
-static inline void lusCpuRelax(void)
-{
-#if defined(__x86_64__) || defined(__i386__)
-   __builtin_ia32_pause();
-#elif defined(__aarch64__)
-   __asm__ __volatile__("yield");
-#endif
-}
+/* A command that finds the registry taken sleeps, first briefly, then up to this long. */
+#define LUS_REGISTRY_WAIT_MIN_US 100u
+#define LUS_REGISTRY_WAIT_MAX_US 10000u
 
 /*
- * Commands run one at a time, so the only contender is a clear from the
- * timer or the last restore event; it does not wait for anything of ours and
- * is short, so spinning for it is enough.
+ * Commands run one at a time.  The owner may be another command, which can
+ * run for seconds (client callbacks that sleep, event posts, the upgrade
+ * world, command 10's filter waits), or a clear that waits for restores
+ * under way: so a command that finds the registry taken sleeps between
+ * looks, never spins.  Commands and the unload may sleep.
  */
 void lusRegistryAcquire(void)
 {
+   uint32_t waitUS = LUS_REGISTRY_WAIT_MIN_US;
    for (;;) {
       uint32_t expected = 0;
       if (__atomic_compare_exchange_n(&lusRegistryState, &expected, LUS_REGISTRY_COMMAND, false,
                                       __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
          return;
       }
-      lusCpuRelax();
+      /* An interrupted sleep only means an earlier look. */
+      (void)hyk_WorldSleep(waitUS);
+      waitUS = waitUS * 2 < LUS_REGISTRY_WAIT_MAX_US ? waitUS * 2 : LUS_REGISTRY_WAIT_MAX_US;
    }
 }
 
 /*
- * Lets go of the registry; a clear that came from outside meanwhile is run
- * here first, by the owner, so that it never overlaps a registration.
+ * Gives up `mine` of the registry: the command or clear that owns it, or the
+ * drain of a clear handed to the restores.  A clear that came from outside
+ * meanwhile is run here first, so that it never overlaps a registration.
+ */
+static void lusRegistryLetGo(uint32_t mine)
+{
+   uint32_t state = __atomic_load_n(&lusRegistryState, __ATOMIC_RELAXED);
+   for (;;) {
+      if ((state & LUS_REGISTRY_PENDING) != 0) {
+         if (__atomic_compare_exchange_n(&lusRegistryState, &state, state & ~LUS_REGISTRY_PENDING,
+                                         false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+            LUS_ClientClear(0);
+            state = __atomic_load_n(&lusRegistryState, __ATOMIC_RELAXED);
+         }
+         continue;
+      }
+      if (__atomic_compare_exchange_n(&lusRegistryState, &state, state & ~mine, false,
+                                      __ATOMIC_RELEASE, __ATOMIC_RELAXED)) {
+         return;
+      }
+   }
+}
+
+/*
+ * Lets go of the registry.  A clear the owner ran that now waits for
+ * restores under way keeps it taken (LUS_REGISTRY_DRAIN) until the last of
+ * them has finished that clear.
  */
 void lusRegistryRelease(void)
 {
-   uint32_t owner = __atomic_load_n(&lusRegistryState, __ATOMIC_RELAXED) &
-                    (LUS_REGISTRY_COMMAND | LUS_REGISTRY_CLEAR);
-   for (;;) {
-      uint32_t expected = owner;
-      if (__atomic_compare_exchange_n(&lusRegistryState, &expected, 0, false, __ATOMIC_RELEASE,
-                                      __ATOMIC_RELAXED)) {
-         return;
-      }
-      /* Only the pending bit can have been added; take it over and clear. */
-      __atomic_store_n(&lusRegistryState, owner, __ATOMIC_RELAXED);
-      LUS_ClientClear(0);
-   }
+   lusRegistryLetGo(__atomic_load_n(&lusRegistryState, __ATOMIC_RELAXED) &
+                    (LUS_REGISTRY_COMMAND | LUS_REGISTRY_CLEAR));
 }
 
 void lusClientClearFromOutside(void)
 {
+#if LUS_REINTRODUCED_BUG == 3
+   /* The old bug, for the schedule explorer's proof: the clear ignores the registry's owner. */
+   LUS_ClientClear(0);
+   return;
+#endif
    uint32_t state = __atomic_load_n(&lusRegistryState, __ATOMIC_RELAXED);
    for (;;) {
       if (state == 0) {
@@ -309,43 +334,9 @@ void LUS_ClientClearTimerCB(void *data, hyk_TimerHandle timer)
    lusClientClearFromOutside();
 }
 
-/*
- * Withdraws every client registration and empties the maps, at most once in
- * the life of the module: whichever of timer, unload, restore end or failed
- * registration gets here first does the work.  The timer passes 0 and so
- * leaves the port-phase map alone; that map belongs to a per-portset upgrade
- * whose own end clears it.  Runs only as the registry's owner.
- *
- * From the first withdrawal to the end of the emptying, restore events must
- * not hand state to clients that are going away, nor unblock a port whose
- * state is about to be dropped: lusClearInProgress makes new ones leave the
- * maps alone (the ports stay blocked, and the emptying reports what it
- * dropped), and those already at work on a port finish it first.  A record
- * still claimed when a map is emptied is detached, not freed; its claimer
- * finishes it.
- */
-void LUS_ClientClear(uint32_t alsoPortPhase)
+/* The clear's withdrawal and emptying, once no restore is under way. */
+static void lusClientClearFinish(uint32_t alsoPortPhase)
 {
-   uint64_t expected = 0;
-   if (!__atomic_compare_exchange_n(&already_called, &expected, 1, false, __ATOMIC_ACQ_REL,
-                                    __ATOMIC_ACQUIRE)) {
-      return;
-   }
-
-   LUS_LOG(LUS_LOG_INFO, "Clearing LUS Client data ...\n");
-
-   lusMapLockTake();
-   __atomic_store_n(&lusClearInProgress, 1, __ATOMIC_RELAXED);
-   lusMapLockDrop();
-   /*
-    * Restores that found their port before the flag finish it first, their
-    * clients still registered: a port is restored whole or not at all.
-    * They hold nothing the clear holds, so this wait ends.
-    */
-   while (__atomic_load_n(&lusRestoresInFlight, __ATOMIC_ACQUIRE) != 0) {
-      lusCpuRelax();
-   }
-
    if (__atomic_load_n(&lusTARNQRegistered, __ATOMIC_RELAXED) == 1) {
       LUS_Unreg(0);
    }
@@ -362,8 +353,76 @@ void LUS_ClientClear(uint32_t alsoPortPhase)
    hyk_RWSpinlockWriteUnlock(lusClientLock);
 
    lusMapLockTake();
-   __atomic_store_n(&lusClearInProgress, 0, __ATOMIC_RELAXED);
+   lusClearInProgress = 0;
    lusMapLockDrop();
+}
+
+/*
+ * Withdraws every client registration and empties the maps, at most once in
+ * the life of the module: whichever of timer, unload, restore end or failed
+ * registration gets here first does the work.  The timer passes 0 and so
+ * leaves the port-phase map alone; that map belongs to a per-portset upgrade
+ * whose own end clears it.  Runs only as the registry's owner.
+ *
+ * From the first withdrawal to the end of the emptying, restore events must
+ * not hand state to clients that are going away, nor unblock a port whose
+ * state is about to be dropped: lusClearInProgress makes new ones leave the
+ * maps alone (the ports stay blocked, and the emptying reports what it
+ * dropped), and those already at work on a port finish it first, their
+ * clients still registered: a port is restored whole or not at all.  Their
+ * client callbacks may sleep, and the clear may run in the timer's callback,
+ * which may not: so the clear does not wait for them.  The last of them
+ * finishes the clear (lusRestoreDone), and until then the registry stays
+ * taken, so no registration slips in between.  A record still claimed when
+ * a map is emptied is detached, not freed; its claimer finishes it.
+ */
+void LUS_ClientClear(uint32_t alsoPortPhase)
+{
+   uint64_t expected = 0;
+   if (!__atomic_compare_exchange_n(&already_called, &expected, 1, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+      return;
+   }
+
+   LUS_LOG(LUS_LOG_INFO, "Clearing LUS Client data ...\n");
+
+   lusMapLockTake();
+   lusClearInProgress = 1;
+   bool handOff = lusRestoresInFlight != 0;
+#if LUS_REINTRODUCED_BUG == 1
+   /* The old bug, for the schedule explorer's proof: the clear does not wait for restores. */
+   handOff = false;
+#endif
+   if (handOff) {
+      lusClearHandedOff = 1;
+      lusClearHandedOffPortPhase = alsoPortPhase;
+      __atomic_fetch_or(&lusRegistryState, LUS_REGISTRY_DRAIN, __ATOMIC_RELAXED);
+   }
+   lusMapLockDrop();
+   if (!handOff) {
+      lusClientClearFinish(alsoPortPhase);
+   }
+}
+
+/*
+ * A restore that found its port is done with it.  The last one to finish
+ * while a clear waits for them finishes that clear, then gives up the
+ * registry the clear kept taken.
+ */
+void lusRestoreDone(void)
+{
+   lusMapLockTake();
+   lusRestoresInFlight--;
+   const bool finishClear = lusRestoresInFlight == 0 && lusClearHandedOff != 0;
+   const uint32_t alsoPortPhase = lusClearHandedOffPortPhase;
+   if (finishClear) {
+      lusClearHandedOff = 0;
+   }
+   lusMapLockDrop();
+   if (finishClear) {
+      lusClientClearFinish(alsoPortPhase);
+      lusRegistryLetGo(LUS_REGISTRY_DRAIN);
+   }
 }
 
 /* ---- load -------------------------------------------------------------------------------- */

@@ -821,14 +821,15 @@ static void lusTargetOf(const ClientEntry *client, LusRestoreTarget *target)
  * record of it failed: an event that finds a record of its port claimed by
  * another thread skips that record, and each finisher looks again once its
  * own claims are gone.  A restore that has found its port is finished before any
- * clear empties the map (lusRestoresInFlight: the clear waits for it), and
+ * clear empties the map (lusRestoresInFlight: the last such restore ends the
+ * clear that waited for it), and
  * one that arrives while a clear is under way leaves the port alone,
  * blocked (the clear reports the state it drops).
  *
  * The clear when the last record goes runs at once when no command owns the
  * registry, and otherwise when the command lets go of it -- also when the
- * command is the restore command's own walk, which holds a portset: the
- * clear waits for restores under way, whose clients may need that portset.
+ * command is the restore command's own walk, which holds a portset that the
+ * clients of restores under way may need.
  */
 hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
 {
@@ -867,7 +868,7 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
    if (first != nullptr) {
       firstRequired = first->requiredRestoreEvent;
       /* From here the port is ours to finish: a clear waits for it. */
-      __atomic_add_fetch(&lusRestoresInFlight, 1u, __ATOMIC_RELAXED);
+      lusRestoresInFlight++;
    }
    lusMapLockDrop();
    if (first == nullptr) {
@@ -910,7 +911,9 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
       const bool withState = inst->hasState != 0 && client->inUse != 0 && inst->stateLen != 0 &&
                              inst->state != nullptr;
       lusTargetOf(client, &target);
+#if LUS_REINTRODUCED_BUG != 2
       inst->claim = LUS_CLAIM_BUSY;
+#endif
       lusMapLockDrop();
 
       if (withState) {
@@ -979,7 +982,7 @@ hyk_Status lusRestore(uint32_t portID, uint32_t restoreEvent)
          LUS_LOG_STATUS(LUS_LOG_ERROR, status, "Custom Unblock Port 0x%x FAILED : %s\n", portID);
       }
    }
-   __atomic_sub_fetch(&lusRestoresInFlight, 1u, __ATOMIC_RELEASE);
+   lusRestoreDone();
    goto done;
 
 unblock:

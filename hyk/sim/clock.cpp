@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "core.h"
+#include "scheduler.h"
 
 namespace hyksim {
 namespace {
@@ -83,6 +84,11 @@ void ClockInterruptSleepers() {
 }
 
 bool ClockWaitUntil(uint64_t deadlineUS) {
+   if (sched::Active() && sched::Controlled()) {
+      // The clock moves when every controlled thread waits, to the earliest wait's time.
+      while (ClockNowUS() < deadlineUS) sched::Block(nullptr, deadlineUS, "the clock");
+      return true;
+   }
    Clock &c = TheClock();
    std::unique_lock<std::mutex> lk(c.mu);
    auto reached = [&] { return c.interrupted || ClockNowUS() >= deadlineUS; };
@@ -107,6 +113,12 @@ void AdvanceClock(uint64_t us) {
    Clock &c = TheClock();
    if (!c.isVirtual) {
       std::this_thread::sleep_for(std::chrono::microseconds(us));
+      return;
+   }
+   if (sched::Active() && sched::Controlled()) {
+      // Time passes for the caller alone: the others run meanwhile, and the
+      // timers that fall due fire on their queues as the clock reaches them.
+      core::ClockWaitUntil(core::ClockNowUS() + us);
       return;
    }
    std::lock_guard<std::mutex> lk(c.advanceMu);
@@ -139,6 +151,12 @@ extern "C" void hyk_TimerDelayUS(uint64_t us) {
       return;
    }
    Clock &c = TheClock();
+   if (sched::Active() && sched::Controlled()) {
+      // The caller is busy for `us`; the other CPUs go on meanwhile.
+      sched::Point("hyk_TimerDelayUS");
+      core::ClockWaitUntil(core::ClockNowUS() + us);
+      return;
+   }
    if (c.isVirtual.load(std::memory_order_relaxed)) {
       core::ClockAddVirtual(us);
       return;

@@ -21,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "hyksim/schedule.h"
+#include "scheduler.h"
 #include "fabric_common.h"
 #include "hyksim/fabric.h"
 
@@ -170,7 +172,8 @@ struct UserProcess::Impl {
    std::condition_variable queueCv;
    std::deque<std::function<void()>> queue;
    bool stopping = false;
-   std::thread thread;
+   std::condition_variable doneCv;   // a task ran (Run waits for its own)
+   HostThread thread;
 
    void Loop() {
       fabric::tServing = &memory;
@@ -178,7 +181,8 @@ struct UserProcess::Impl {
          std::function<void()> task;
          {
             std::unique_lock<std::mutex> lk(queueMu);
-            queueCv.wait(lk, [&] { return stopping || !queue.empty(); });
+            ::hyksim::sched::Wait(queueCv, lk, ::hyksim::sched::kNoDeadline, "a user process's work",
+                        [&] { return stopping || !queue.empty(); });
             if (queue.empty()) {
                return;
             }
@@ -200,7 +204,7 @@ UserProcess::UserProcess(const std::string &name, uint64_t memoryBytes) : impl_(
    impl_->name = name;
    impl_->memory.limit = memoryBytes;
    impl_->memory.pid = fabric::gNextPid++;
-   impl_->thread = std::thread([this] { impl_->Loop(); });
+   impl_->thread = HostThread("process " + name, [this] { impl_->Loop(); });
 }
 
 // A process that exits closes what it has open.
@@ -221,8 +225,8 @@ UserProcess::~UserProcess() {
       std::lock_guard<std::mutex> lk(impl_->queueMu);
       impl_->stopping = true;
    }
-   impl_->queueCv.notify_all();
-   impl_->thread.join();
+   ::hyksim::sched::NotifyAll(impl_->queueCv);
+   impl_->thread.Join();
    delete impl_;
 }
 
@@ -267,20 +271,23 @@ void UserProcess::Read(hyk_UserVA addr, void *dst, uint64_t len) const {
 }
 
 void UserProcess::Run(const std::function<void()> &fn) {
-   if (std::this_thread::get_id() == impl_->thread.get_id()) {
+   if (std::this_thread::get_id() == impl_->thread.Id()) {
       fn();
       return;
    }
-   std::promise<void> done;
+   bool done = false;
    {
       std::lock_guard<std::mutex> lk(impl_->queueMu);
       impl_->queue.push_back([&] {
          fn();
-         done.set_value();
+         std::lock_guard<std::mutex> doneLock(impl_->queueMu);
+         done = true;
+         ::hyksim::sched::NotifyAll(impl_->doneCv);
       });
    }
-   impl_->queueCv.notify_all();
-   done.get_future().wait();
+   ::hyksim::sched::NotifyAll(impl_->queueCv);
+   std::unique_lock<std::mutex> lk(impl_->queueMu);
+   ::hyksim::sched::Wait(impl_->doneCv, lk, ::hyksim::sched::kNoDeadline, "a user process", [&] { return done; });
 }
 
 size_t UserProcess::OpenFiles() const {

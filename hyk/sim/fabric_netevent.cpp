@@ -22,6 +22,8 @@
 #include "fabric_common.h"
 #include "hyksim/datapath.h"
 #include "hyksim/fabric.h"
+#include "hyksim/schedule.h"
+#include "scheduler.h"
 
 namespace hyksim::fabric {
 
@@ -183,7 +185,7 @@ hyk_Status Deliver(const Targeted &targets, Call &&call) {
          std::lock_guard<std::mutex> lk(e.mu);
          sub->inflight--;
       }
-      e.idle.notify_all();
+      ::hyksim::sched::NotifyAll(e.idle);
       if (status != HYK_OK && first == HYK_OK) {
          first = status;
       }
@@ -242,7 +244,8 @@ hyk_Status Unsubscribe(const char *op, hyk_NetEventHandle handle, bool portEvent
    e.generation++;
    sub->removed = true;
    auto own = static_cast<uint32_t>(std::count(tDelivering.begin(), tDelivering.end(), sub.get()));
-   e.idle.wait(lk, [&] { return sub->inflight <= own; });
+   ::hyksim::sched::Wait(e.idle, lk, ::hyksim::sched::kNoDeadline, "deliveries of an unsubscribed event",
+               [&] { return sub->inflight <= own; });
    return HYK_OK;
 }
 
@@ -289,14 +292,14 @@ hyk_Status TakeOverPortset(const std::string &portset, uint32_t build, unsigned 
       return HYK_BAD_PARAM;
    }
    std::vector<hyk_Status> results(threads, HYK_OK);
-   std::vector<std::thread> posters;
+   std::vector<HostThread> posters;
    for (unsigned i = 0; i < threads; i++) {
-      posters.emplace_back([&, i] {
+      posters.emplace_back("takeover " + std::to_string(i), [&, i] {
          hyksim_TakeOver notice{build, i, threads};
          results[i] = PostPortsetEvent(portset, HYKSIM_EVENT_TAKEOVER, &notice, sizeof(notice));
       });
    }
-   for (auto &t : posters) t.join();
+   for (auto &t : posters) t.Join();
    for (hyk_Status s : results) {
       if (s != HYK_OK) return s;
    }

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <sstream>
 
+#include "scheduler.h"
 #include "fabric_topology.h"
 #include "hyksim/host.h"
 
@@ -39,7 +40,7 @@ void DropEverything(Topology &t) {
    t.eventNames.clear();
    t.eventIds.clear();
    t.nextPort = 1;
-   t.cv.notify_all();
+   ::hyksim::sched::NotifyAll(t.cv);
 }
 
 // A switch class is an implementation inside its module: when the module
@@ -103,7 +104,8 @@ hyk_Status AcquireLocked(Topology &t, std::unique_lock<std::mutex> &lk,
       Panic("portset %s: acquired again (mode %u) by the thread that holds it: self-deadlock",
             name.c_str(), mode);
    }
-   t.cv.wait(lk, [&] { return ps->removed || Admits(*ps, mode); });
+   ::hyksim::sched::Wait(t.cv, lk, ::hyksim::sched::kNoDeadline, "a portset",
+               [&] { return ps->removed || Admits(*ps, mode); });
    if (ps->removed) {
       return HYK_NOT_FOUND;
    }
@@ -325,7 +327,7 @@ hyk_Status RemovePortset(const std::string &name) {
    ps.removals.fetch_add(ps.ports.size(), std::memory_order_release);
    ps.removed = true;
    t.portsets.erase(it);
-   t.cv.notify_all();
+   ::hyksim::sched::NotifyAll(t.cv);
    return HYK_OK;
 }
 
@@ -408,7 +410,7 @@ void hyk_PortsetRelease(hyk_Portset **ps) {
    }
    t.handles.erase(it);
    *ps = nullptr;
-   t.cv.notify_all();
+   ::hyksim::sched::NotifyAll(t.cv);
 }
 
 const char *hyk_PortsetName(hyk_Portset *ps) {

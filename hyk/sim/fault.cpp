@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "core.h"
+#include "scheduler.h"
 
 extern "C" __attribute__((noinline)) void hyksim_FaultInjected(const char *op, hyk_Status status,
                                                               uint64_t call) {
@@ -156,6 +157,7 @@ void UpdateSlowPath(const FaultState &s) {
 }  // namespace
 
 bool FaultCheck(const char *op, hyk_Status *status) {
+   sched::Point(op);
    if (!gSlowPath.load(std::memory_order_acquire)) {
       const FastEntry *e = gFast[FastSlotOf(op)].load(std::memory_order_acquire);
       if (e != nullptr && e->op == op) {

@@ -16,6 +16,7 @@
 
 #include "core.h"
 #include "hyksim/ledger.h"
+#include "hyksim/schedule.h"
 
 namespace hyksim {
 namespace {
@@ -164,6 +165,7 @@ void HostLog(const char *fmt, ...) {
       abort();
    }
    core::LogPanic(text);
+   ScheduleReportFailure(text);
    abort();
 }
 

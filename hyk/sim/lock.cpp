@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core.h"
+#include "scheduler.h"
 
 namespace hyksim {
 namespace {
@@ -141,10 +142,28 @@ void AcquireRead(Lock &l) {
    }
 }
 
+// The controlled mode: a thread that would spin is blocked until a release.
+bool TryAcquire(Lock &l, bool write) {
+   int32_t cur = l.state.load(std::memory_order_relaxed);
+   if (write) {
+      return cur == 0 && l.state.compare_exchange_strong(cur, -1, std::memory_order_acquire);
+   }
+   return cur >= 0 && l.state.compare_exchange_strong(cur, cur + 1, std::memory_order_acquire);
+}
+
+void AcquireControlled(Lock &l, bool write) {
+   while (!TryAcquire(l, write)) {
+      sched::Block(&l, sched::kNoDeadline, write ? "a spinlock" : "a spinlock's read side");
+   }
+}
+
 void Take(uint64_t id, bool rw, bool write, const char *op) {
+   sched::Point(op);
    Lock *l = FindLock(id, rw, op);
    CheckRank(*l, op);
-   if (write) {
+   if (sched::Active() && sched::Controlled()) {
+      AcquireControlled(*l, write);
+   } else if (write) {
       AcquireWrite(*l);
    } else {
       AcquireRead(*l);
@@ -168,6 +187,10 @@ void Release(uint64_t id, bool rw, bool write, const char *op) {
          l.state.fetch_sub(1, std::memory_order_release);
       }
       tHeld.erase(std::next(it).base());
+      if (sched::Active()) {
+         sched::Wake(&l);
+         sched::Point(op);
+      }
       return;
    }
    Lock *l = FindLock(id, rw, op);

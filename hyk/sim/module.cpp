@@ -21,6 +21,7 @@
 #include <mutex>
 
 #include "core.h"
+#include "scheduler.h"
 #include "module_elf.h"
 
 namespace hyksim {
@@ -41,7 +42,7 @@ struct Module {
 };
 
 struct Registry {
-   std::recursive_mutex loadMu;
+   sched::RecursiveMutex loadMu;   // held across init_module and cleanup_module
    std::mutex mu;
    std::map<hyk_ModuleID, std::shared_ptr<Module>> modules;
    hyk_ModuleID next = 1;
@@ -591,7 +592,7 @@ hyk_Status SetModuleParams(const std::string &name, const std::vector<std::strin
 
 hyk_Status LoadModule(const std::string &path, const std::vector<std::string> &params,
                       hyk_ModuleID *id, std::string *error, const std::string &name) {
-   std::lock_guard<std::recursive_mutex> loadLock(Reg().loadMu);
+   std::lock_guard<sched::RecursiveMutex> loadLock(Reg().loadMu);
    std::string modName = name.empty() ? DeriveName(path) : name;
    struct stat st;
    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
@@ -621,7 +622,7 @@ hyk_Status LoadModule(const std::string &path, const std::vector<std::string> &p
 }
 
 hyk_Status LoadInProcessModule(const InProcessModule &module, hyk_ModuleID *id) {
-   std::lock_guard<std::recursive_mutex> loadLock(Reg().loadMu);
+   std::lock_guard<sched::RecursiveMutex> loadLock(Reg().loadMu);
    if (module.name.empty()) {
       return Refuse(HYK_BAD_PARAM, "an in-process module", "it has no name", nullptr);
    }
@@ -637,13 +638,13 @@ hyk_Status LoadInProcessModule(const InProcessModule &module, hyk_ModuleID *id) 
 }
 
 hyk_Status UnloadModule(hyk_ModuleID id) {
-   std::lock_guard<std::recursive_mutex> loadLock(Reg().loadMu);
+   std::lock_guard<sched::RecursiveMutex> loadLock(Reg().loadMu);
    auto m = Find(id);
    return m == nullptr ? hyk_Status(HYK_NOT_FOUND) : Unload(m, false);
 }
 
 hyk_Status UnloadModule(const std::string &name) {
-   std::lock_guard<std::recursive_mutex> loadLock(Reg().loadMu);
+   std::lock_guard<sched::RecursiveMutex> loadLock(Reg().loadMu);
    auto m = FindByName(name);
    return m == nullptr ? hyk_Status(HYK_NOT_FOUND) : Unload(m, false);
 }
@@ -688,7 +689,7 @@ bool ModuleLoaded(hyk_ModuleID id) { return Find(id) != nullptr; }
 namespace core {
 
 void ModulesUnloadAll() {
-   std::lock_guard<std::recursive_mutex> loadLock(Reg().loadMu);
+   std::lock_guard<sched::RecursiveMutex> loadLock(Reg().loadMu);
    std::vector<std::shared_ptr<Module>> mods;
    {
       std::lock_guard<std::mutex> lk(Reg().mu);

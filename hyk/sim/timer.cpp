@@ -17,6 +17,8 @@
 #include <vector>
 
 #include "core.h"
+#include "hyksim/schedule.h"
+#include "scheduler.h"
 
 namespace hyksim {
 namespace {
@@ -38,8 +40,11 @@ using TimerKey = std::pair<uint64_t, uint64_t>;  // (deadline, id): id breaks ti
 // once, at a moment no run could reproduce.
 std::atomic<uint64_t> gFireHorizon{0};
 
+// The controlled mode moves the clock only when every thread waits, so a
+// timer falls due exactly when the clock reaches it.
 uint64_t FireHorizon() {
-   return core::VirtualClock() ? gFireHorizon.load(std::memory_order_acquire) : core::ClockNowUS();
+   return core::VirtualClock() && !sched::Active() ? gFireHorizon.load(std::memory_order_acquire)
+                                                   : core::ClockNowUS();
 }
 
 void ExtendFireHorizon() { gFireHorizon.store(core::ClockNowUS(), std::memory_order_release); }
@@ -55,7 +60,7 @@ struct Queue {
    Timer running;               // running.id != 0 while a callback runs
    bool runningCancelled = false;
    bool stop = false;
-   std::thread thread;
+   HostThread thread;
    std::thread::id threadId;
 
    bool Due() const { return !pending.empty() && pending.begin()->first.first <= FireHorizon(); }
@@ -122,10 +127,19 @@ void FireOne(Queue &q, std::unique_lock<std::mutex> &lk) {
       Insert(q, t);
    }
    q.running = Timer{};
-   q.cv.notify_all();
+   sched::NotifyAll(q.cv);
 }
 
 void WaitForWork(Queue &q, std::unique_lock<std::mutex> &lk) {
+   if (sched::Active() && sched::Controlled()) {
+      // Until the earliest timer's time, or new work (a timer armed, a stop).
+      // The caller looks again at whatever woke it.
+      const uint64_t due = q.pending.empty() ? sched::kNoDeadline : q.pending.begin()->first.first;
+      lk.unlock();
+      sched::Block(&q.cv, due, "a timer");
+      lk.lock();
+      return;
+   }
    if (core::VirtualClock() || q.pending.empty()) {
       q.cv.wait(lk);
       return;
@@ -156,10 +170,10 @@ void Shutdown(Queue &q) {
       q.stop = true;
       q.pending.clear();
       q.byId.clear();
-      q.cv.notify_all();
+      sched::NotifyAll(q.cv);
    }
-   if (q.thread.joinable()) {
-      q.thread.join();
+   if (q.thread.Joinable()) {
+      q.thread.Join();
    }
 }
 
@@ -307,11 +321,11 @@ extern "C" hyk_Status hyk_TimerQueueCreate(const char *name, hyk_ModuleID owner,
       q->id = Reg().nextQueue++;
    }
    try {
-      q->thread = std::thread(QueueMain, q.get());
+      q->thread = HostThread("timer queue " + q->name, [raw = q.get()] { QueueMain(raw); });
    } catch (const std::system_error &) {
       return HYK_NO_RESOURCES;
    }
-   q->threadId = q->thread.get_id();
+   q->threadId = q->thread.Id();
    std::lock_guard<std::mutex> lk(Reg().mu);
    Reg().queues[q->id] = q;
    *queue = q->id;
@@ -363,7 +377,7 @@ extern "C" hyk_Status hyk_TimerAdd(hyk_TimerQueue queue, hyk_TimerCallback cb, v
       return HYK_INVALID_HANDLE;
    }
    Insert(*q, t);
-   q->cv.notify_all();
+   sched::NotifyAll(q->cv);
    return HYK_OK;
 }
 

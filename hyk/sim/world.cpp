@@ -12,6 +12,8 @@
 #include <thread>
 
 #include "core.h"
+#include "hyksim/schedule.h"
+#include "scheduler.h"
 
 namespace hyksim {
 namespace {
@@ -30,7 +32,7 @@ struct World {
    std::condition_variable cv;
    bool done = false;
    hyk_Status exitStatus = HYK_OK;
-   std::thread thread;
+   HostThread thread;
 };
 
 struct Registry {
@@ -55,7 +57,7 @@ void WorldMain(std::shared_ptr<World> w, hyk_WorldStartFn start, void *data) {
    std::lock_guard<std::mutex> lk(w->mu);
    w->done = true;
    w->exitStatus = st;
-   w->cv.notify_all();
+   sched::NotifyAll(w->cv);
 }
 
 std::shared_ptr<World> Find(hyk_WorldID id) {
@@ -64,8 +66,13 @@ std::shared_ptr<World> Find(hyk_WorldID id) {
    return it == Reg().worlds.end() ? nullptr : it->second;
 }
 
+// The limit is real time, or virtual time in the controlled mode.
 bool WaitDone(World &w, std::chrono::milliseconds limit) {
    std::unique_lock<std::mutex> lk(w.mu);
+   if (sched::Active() && sched::Controlled()) {
+      const uint64_t until = core::ClockNowUS() + static_cast<uint64_t>(limit.count()) * 1000;
+      return sched::Wait(w.cv, lk, until, "a world's death", [&] { return w.done; });
+   }
    return w.cv.wait_for(lk, limit, [&] { return w.done; });
 }
 
@@ -79,16 +86,16 @@ bool Unlist(hyk_WorldID id) {
 // detached with a report, because its thread cannot be killed.
 bool Drain(const std::shared_ptr<World> &w) {
    if (WaitDone(*w, std::chrono::duration_cast<std::chrono::milliseconds>(kDrainLimit))) {
-      w->thread.join();
+      w->thread.Join();
       return true;
    }
    HostLog("world %s (id %u) does not end; leaving it running", w->name.c_str(), w->id);
-   w->thread.detach();
+   w->thread.Detach();
    return false;
 }
 
 hyk_Status SleepVirtual(uint64_t us) {
-   if (core::SleepAdvancesClock()) {
+   if (core::SleepAdvancesClock() && !(sched::Active() && sched::Controlled())) {
       AdvanceClock(us);
       return HYK_OK;
    }
@@ -162,7 +169,8 @@ extern "C" hyk_Status hyk_WorldCreate(const hyk_WorldProps *props, hyk_WorldID *
    w->id = Reg().next++;
    try {
       // Started under the registry lock so the world is listed before it runs.
-      w->thread = std::thread(WorldMain, w, props->start, props->data);
+      w->thread = HostThread("world " + w->name,
+                             [w, start = props->start, data = props->data] { WorldMain(w, start, data); });
    } catch (const std::system_error &) {
       return HYK_NO_RESOURCES;
    }
@@ -187,7 +195,7 @@ extern "C" hyk_Status hyk_WorldWaitForDeath(hyk_WorldID world) {
    if (!Unlist(world)) {
       return HYK_NO_SUCH_WORLD;
    }
-   w->thread.join();
+   w->thread.Join();
    return HYK_OK;
 }
 

@@ -2,6 +2,9 @@
 // them interactively, or runs the demo.
 //
 //   hyksim run FILE... [--seed N] [--log-file F] [--report-dir D]
+//   hyksim run FILE --schedules N [--schedule-seed S] [--pct-depth D] [--jobs J]
+//   hyksim run FILE --schedule SEED [--pct-depth D --pct-steps K]
+//   hyksim run FILE --stress N
 //   hyksim shell [--seed N] [--log-file F]
 //   hyksim demo [--report-dir D]
 //   hyksim serve --socket PATH [FILE] [--allow-group G] [--max-...]
@@ -18,7 +21,9 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 
+#include "explore.h"
 #include "input.h"
 #include "scenario.h"
 #include "server.h"
@@ -140,6 +145,36 @@ int Run(const Common &c, const std::vector<std::string> &files) {
    return failed == 0 ? 0 : 1;
 }
 
+// One run of `file` on a fresh host, its output to `out`: what the
+// explorer runs for each schedule, in a child of its own.
+hyksimtool::RunScenario ScenarioRunner(const Common &c) {
+   return [&c](const std::string &file, std::ostream &out) {
+      if (!StartHost(c)) return false;
+      hyksimtool::Interpreter interp(Options(c), out);
+      const bool ok = interp.RunFile(file);
+      return StopHost() && ok;
+   };
+}
+
+struct ExploreArgs {
+   hyksimtool::ExploreOptions opts;
+   std::optional<uint64_t> replay;   // --schedule SEED
+};
+
+int RunExplorations(const Common &c, const std::vector<std::string> &files, const ExploreArgs &e) {
+   const auto runner = ScenarioRunner(c);
+   if (e.replay) {
+      if (files.size() != 1) {
+         std::cerr << "hyksim run: --schedule replays one file's schedule; give one FILE\n";
+         return 2;
+      }
+      return hyksimtool::ReplaySchedule(files[0], *e.replay, e.opts.pctDepth, e.opts.pctSteps, runner, std::cout);
+   }
+   int code = 0;
+   for (const auto &file : files) code = std::max(code, hyksimtool::Explore(file, e.opts, runner, std::cout));
+   return code;
+}
+
 // ---- the shell ---------------------------------------------------------------------------
 
 hyksimtool::Interpreter *gShell = nullptr;
@@ -226,6 +261,37 @@ int main(int argc, char **argv) {
    run->add_option("--report-dir", c.reportDir, "where 'report json=... trace=... chart=...' writes")->capture_default_str();
    common(run);
    limits(run);
+   ExploreArgs ex;
+   auto &eo = ex.opts;
+   AddWhole<uint64_t>(run, "--schedules", &eo.schedules, 1, UINT64_MAX / 2,
+                      "explore N thread schedules of each FILE on the controlled scheduler, each in a child process")
+      ->group("Schedules");
+   AddWhole<uint64_t>(run, "--schedule-seed", &eo.firstSeed, 0, UINT64_MAX,
+                      "the seed the schedules' own seeds are derived from")->group("Schedules");
+   AddWhole<uint32_t>(run, "--pct-depth", &eo.pctDepth, 0, 64,
+                      "0: a random walk; D: PCT, finding bugs of depth D (D - 1 priority changes)")->group("Schedules");
+   AddWhole<uint64_t>(run, "--pct-steps", &eo.pctSteps, 0, UINT64_MAX / 2,
+                      "PCT: steps over which the changes fall (0: the longest schedule run so far)")->group("Schedules");
+   run->add_option_function<std::string>(
+         "--schedule",
+         [&ex](const std::string &v) {
+            uint64_t seed = 0;
+            std::string error;
+            if (!lusinput::ParseWhole<uint64_t>(v, "--schedule", 0, UINT64_MAX, &seed, &error)) {
+               throw CLI::ValidationError(error);
+            }
+            ex.replay = seed;
+         },
+         "replay the one schedule of this seed (as a failing schedule prints it), in this process")
+      ->type_name("SEED")->group("Schedules");
+   AddWhole<uint64_t>(run, "--stress", &eo.stressRuns, 1, UINT64_MAX / 2,
+                      "run each FILE N times on real threads, without control (to compare with --schedules)")
+      ->group("Schedules");
+   AddWhole<unsigned>(run, "--jobs", &eo.jobs, 1, 64, "schedules run at once")->group("Schedules");
+   AddWhole<unsigned>(run, "--time-limit", &eo.timeLimitSec, 1, 86400,
+                      "seconds one schedule may take before it is taken as hung")->group("Schedules");
+   run->add_flag("--keep-going", eo.keepGoing, "go on after a failing schedule")->group("Schedules");
+   run->add_flag("--verbose", eo.verbose, "a line for every schedule")->group("Schedules");
    auto *shell = app.add_subcommand("shell", "type the scenario language at a prompt (line editing, history, Tab)");
    common(shell);
    limits(shell);
@@ -252,7 +318,10 @@ int main(int argc, char **argv) {
    }
 
    if (*modules) return ListModules(c);
-   if (*run) return Run(c, files);
+   if (*run) {
+      if (ex.replay || eo.schedules != 0 || eo.stressRuns != 0) return RunExplorations(c, files, ex);
+      return Run(c, files);
+   }
    if (*shell) return Shell(c);
    if (*serve) {
       so.socketPath = socketPath;

@@ -13,9 +13,12 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <regex>
+#include <set>
 #include <sstream>
 
 #include "input.h"
+#include "hyksim/schedule.h"
 #include "line_reader.h"
 
 namespace hyksimtool {
@@ -152,7 +155,7 @@ constexpr uint64_t kClockCeilingUS = 100 * kYearUS;
 
 const std::vector<std::string> kCommands = {
    "portset", "ports", "load", "unload", "set", "lusctl", "ioctl", "unblock-event", "enable",
-   "takeover", "advance", "fault", "clear-faults", "expect", "report", "echo", "help"};
+   "takeover", "advance", "fault", "clear-faults", "expect", "report", "echo", "help", "spawn", "wait", "try"};
 
 // The host as the in-process lusctl sees it: the host itself, except that a
 // takeover may not use more threads than the host program allows.
@@ -195,10 +198,30 @@ struct Interpreter::Impl {
    lusctl::Environment env;
    std::map<std::string, std::vector<hyk_PortID>> ports;   // by portset, in order of creation
    uint64_t portCount = 0;                                  // ports made, in every portset
-   std::optional<hyk_Status> lastStatus;
-   std::optional<int> lastExit;
-   std::string lastOutput;
-   std::optional<lusctl::Report> lastReport;
+   // What the last command left for `expect` and `report`: the script's
+   // own, or a spawned command's while it runs (its thread's).
+   struct Last {
+      std::optional<hyk_Status> status;
+      std::optional<int> exit;
+      std::string output;
+      std::optional<lusctl::Report> report;
+   };
+   Last mainLast;
+   static thread_local Last *tLast;
+   static thread_local std::ostream *tOut;
+   Last &L() { return tLast != nullptr ? *tLast : mainLast; }
+   std::ostream &Out() { return tOut != nullptr ? *tOut : out; }
+
+   // A command spawned to run alongside the script, until a `wait`.
+   struct Spawned {
+      std::string name;
+      std::string command;
+      Last last;
+      std::ostringstream out;
+      std::string error;
+      hyksim::HostThread thread;
+   };
+   std::vector<std::unique_ptr<Spawned>> spawned;
 
    Impl(const ScenarioOptions &o, std::ostream &os) : opts(o), out(os) {
       host = lusctl::MakeSimHost(opts.moduleDir);
@@ -322,14 +345,14 @@ struct Interpreter::Impl {
          error.clear();
          s = host->LoadModule(file, params, &error);
       }
-      lastStatus = s;
+      L().status = s;
       if (s != HYK_OK) throw Fail{fmt::format("load {}: {}{}", file, lusctl::StatusText(s), error.empty() ? "" : " (" + error + ")")};
    }
 
    void DoUnload(const Args &a) {
       Need(a, 1, "unload MODULE");
       hyk_Status s = host->UnloadModule(a.pos[0]);
-      lastStatus = s;
+      L().status = s;
       Check(s, "unload " + a.pos[0]);
    }
 
@@ -347,10 +370,10 @@ struct Interpreter::Impl {
       lusctl::Report report;
       report.result.steps.clear();
       const int code = lusctl::RunCli(env, args, o, o, false, "", &report);
-      lastExit = code;
-      lastOutput = o.str();
-      out << lastOutput;
-      if (!report.flow.empty()) lastReport = report;
+      L().exit = code;
+      L().output = o.str();
+      Out() << L().output;
+      if (!report.flow.empty()) L().report = report;
    }
 
    void DoIoctl(const Args &a) {
@@ -366,8 +389,8 @@ struct Interpreter::Impl {
       hyk_Status s = dev->Open();
       if (s == HYK_OK) s = dev->Ioctl(cmd, payload, length);
       dev->Close();
-      lastStatus = s;
-      out << fmt::format("{}: {}\n", lusctl::CommandLabel(cmd), lusctl::StatusText(s));
+      L().status = s;
+      Out() << fmt::format("{}: {}\n", lusctl::CommandLabel(cmd), lusctl::StatusText(s));
    }
 
    // ---- the host's side ---------------------------------------------------------------------------
@@ -430,20 +453,20 @@ struct Interpreter::Impl {
 
    // ---- expectations -------------------------------------------------------------------------------
    void DoExpect(const Args &a) {
-      Need(a, 1, "expect status|exit|log|no-log|blocked|blocked-time|heap|use-count|ledger|output ...");
+      Need(a, 1, "expect status|exit|log|no-log|blocked|blocked-time|heap|use-count|ledger|output|intact ...");
       const std::string what = a.pos[0];
       if (what == "status") {
          Need(a, 2, "expect status STATUS");
-         if (!lastStatus) throw Fail{"expect status: no command has run yet"};
+         if (!L().status) throw Fail{"expect status: no command has run yet"};
          hyk_Status want = StatusOf(a.pos[1]);
-         if (*lastStatus != want) {
-            throw Fail{fmt::format("expected status {}, got {}", lusctl::StatusText(want), lusctl::StatusText(*lastStatus))};
+         if (*L().status != want) {
+            throw Fail{fmt::format("expected status {}, got {}", lusctl::StatusText(want), lusctl::StatusText(*L().status))};
          }
       } else if (what == "exit") {
          Need(a, 2, "expect exit N");
-         if (!lastExit) throw Fail{"expect exit: lusctl has not run yet"};
-         if (*lastExit != Whole<int>("the exit code", a.pos[1], 0, 255)) {
-            throw Fail{fmt::format("expected lusctl to exit {}, it exited {}", a.pos[1], *lastExit)};
+         if (!L().exit) throw Fail{"expect exit: lusctl has not run yet"};
+         if (*L().exit != Whole<int>("the exit code", a.pos[1], 0, 255)) {
+            throw Fail{fmt::format("expected lusctl to exit {}, it exited {}", a.pos[1], *L().exit)};
          }
       } else if (what == "log" || what == "no-log") {
          Need(a, 2, "expect log \"TEXT\" [count=N]");
@@ -486,11 +509,61 @@ struct Interpreter::Impl {
          if (m->useCount != Whole<uint32_t>("the use count", a.pos[2])) throw Fail{fmt::format("module {} has use count {}, not {}", a.pos[1], m->useCount, a.pos[2])};
       } else if (what == "ledger") {
          ExpectLedger(a);
+      } else if (what == "intact") {
+         ExpectIntact();
       } else if (what == "output") {
          Need(a, 2, "expect output \"TEXT\"");
-         if (lastOutput.find(a.pos[1]) == std::string::npos) throw Fail{fmt::format("lusctl's output has no \"{}\"", a.pos[1])};
+         if (L().output.find(a.pos[1]) == std::string::npos) throw Fail{fmt::format("lusctl's output has no \"{}\"", a.pos[1])};
       } else {
          throw Fail{fmt::format("unknown expectation '{}'", what)};
+      }
+   }
+
+   // Every byte an old client saved reached the new client unchanged or was
+   // reported dropped by lus, and lus unblocked no port without its state:
+   // from the clients' ledger and lus's drop and unblock lines.  While lus is
+   // loaded, a blocked port's state may still be held: not yet wrong.  (A
+   // port whose state lus dropped may pass traffic all the same once lus is
+   // gone: the new datapath carries it, without that state, reported.)
+   void ExpectIntact() {
+      static const std::regex droppedLine(
+         R"(Dropped saved state of port 0x([0-9a-f]+) client (\S+): ([0-9]+) bytes never restored)");
+      static const std::regex unblockLine(R"(Custom Unblock port: 0x([0-9a-f]+))");
+      std::map<std::pair<uint32_t, std::string>, uint64_t> drops;
+      std::set<uint32_t> unblockedByLus;
+      for (const auto &line : hyksim::LogLines()) {
+         std::smatch m;
+         if (std::regex_search(line.text, m, unblockLine)) {
+            unblockedByLus.insert(static_cast<uint32_t>(std::stoul(m[1].str(), nullptr, 16)));
+         }
+         if (!std::regex_search(line.text, m, droppedLine)) continue;
+         drops[{static_cast<uint32_t>(std::stoul(m[1].str(), nullptr, 16)), m[2].str()}] += std::stoull(m[3].str());
+      }
+      const bool lusLoaded = hyksim::FindModule("lus").has_value();
+      std::vector<std::string> wrong;
+      for (const auto &c : hyksim::Ledger()) {
+         for (const auto &[port, k] : c.ports) {
+            const uint64_t saved = k[HYKSIM_LEDGER_SAVED], verified = k[HYKSIM_LEDGER_VERIFIED];
+            const uint64_t drop = drops[{port, c.client}];
+            if (k[HYKSIM_LEDGER_MISMATCHED] != 0) {
+               wrong.push_back(fmt::format("port {} client {}: {} bytes restored changed", port, c.client, k[HYKSIM_LEDGER_MISMATCHED]));
+            }
+            if (saved == 0) continue;
+            auto p = hyksim::FindPort(port);
+            const bool blocked = p && (p->blockReasons & HYK_PORT_BLOCK_CUSTOM) != 0;
+            if (verified + drop != saved && !(blocked && lusLoaded)) {
+               wrong.push_back(fmt::format("port {} client {}: {} bytes saved, {} restored intact, {} reported dropped",
+                                           port, c.client, saved, verified, drop));
+            }
+            if (unblockedByLus.count(port) != 0 && verified != saved) {
+               wrong.push_back(fmt::format("lus unblocked port {} without its state of client {} ({} of {} bytes restored intact)",
+                                           port, c.client, verified, saved));
+            }
+         }
+      }
+      if (!wrong.empty()) {
+         throw Fail{fmt::format("state not intact ({} finding(s)): {}", wrong.size(),
+                                fmt::join(wrong.begin(), wrong.begin() + std::min<size_t>(wrong.size(), 4), "; "))};
       }
    }
 
@@ -531,11 +604,11 @@ struct Interpreter::Impl {
    }
 
    void DoReport(const Args &a) {
-      if (!lastReport) throw Fail{"report: no upgrade has run yet (lusctl upgrade ...)"};
+      if (!L().report) throw Fail{"report: no upgrade has run yet (lusctl upgrade ...)"};
       // With files to write, only say where they went: the tool printed its report already.
       if (a.kv.empty()) {
-         lusctl::PrintSummary(out, *lastReport);
-         lusctl::PrintTables(out, *lastReport);
+         lusctl::PrintSummary(Out(), *L().report);
+         lusctl::PrintTables(Out(), *L().report);
       }
       auto write = [&](const char *key, const std::string &text) {
          if (!a.Has(key)) return;
@@ -543,11 +616,103 @@ struct Interpreter::Impl {
          if (!path.empty() && path[0] != '/') path = opts.reportDir + "/" + path;
          std::string why;
          if (!WriteWholeFile(path, text, &why)) throw Fail{fmt::format("report: cannot write {}: {}", path, why)};
-         out << fmt::format("wrote {}\n", path);
+         Out() << fmt::format("wrote {}\n", path);
       };
-      write("json", lusctl::ReportJson(*lastReport));
-      write("trace", lusctl::TraceJson(*lastReport));
-      write("chart", lusctl::ChartSvg(*lastReport));
+      write("json", lusctl::ReportJson(*L().report));
+      write("trace", lusctl::TraceJson(*L().report));
+      write("chart", lusctl::ChartSvg(*L().report));
+   }
+
+   // ---- concurrent activity ----------------------------------------------------------------
+   // Commands a spawned thread may run: those that act on the host through
+   // its thread-safe control API or the device, never the script's own names.
+   static bool Spawnable(const std::string &cmd) {
+      static const std::set<std::string> ok = {"lusctl", "ioctl", "unblock-event", "enable", "takeover",
+                                               "advance", "load", "unload", "set", "echo", "try"};
+      return ok.count(cmd) != 0;
+   }
+
+   void DoSpawn(const std::vector<std::string> &words) {
+      if (words.size() < 3) throw Fail{"missing argument; usage: spawn NAME COMMAND [ARGS...]"};
+      const std::string &name = words[1];
+      for (const auto &sp : spawned) {
+         if (sp->name == name) throw Fail{fmt::format("spawn {}: a command of that name runs already (wait {} first)", name, name)};
+      }
+      if (!Spawnable(words[2])) {
+         throw Fail{fmt::format("spawn {}: '{}' cannot run alongside the script; these can: lusctl, ioctl, "
+                                "unblock-event, enable, takeover, advance, load, unload, set, echo, try", name, words[2])};
+      }
+      auto sp = std::make_unique<Spawned>();
+      sp->name = name;
+      std::vector<std::string> command(words.begin() + 2, words.end());
+      sp->command = fmt::format("{}", fmt::join(command, " "));
+      Spawned *raw = sp.get();
+      spawned.push_back(std::move(sp));
+      raw->thread = hyksim::HostThread("spawn " + name, [this, raw, command] {
+         tLast = &raw->last;
+         tOut = &raw->out;
+         try {
+            Run(command);
+         } catch (const Fail &f) {
+            raw->error = f.why;
+         } catch (const std::exception &e) {
+            raw->error = e.what();
+         }
+         tLast = nullptr;
+         tOut = nullptr;
+      });
+   }
+
+   // Waits for spawned commands (the named ones, or all, in the order they
+   // were spawned), prints what each printed, and leaves the last one's
+   // status, exit and output to `expect`.  A spawned command that failed
+   // fails the wait, after every one named has ended.
+   void DoWait(const Args &a) {
+      std::vector<std::unique_ptr<Spawned>> done;
+      for (const auto &name : a.pos) {
+         if (std::none_of(spawned.begin(), spawned.end(), [&](const auto &sp) { return sp->name == name; })) {
+            throw Fail{fmt::format("wait: nothing spawned is named '{}'", name)};
+         }
+      }
+      for (auto it = spawned.begin(); it != spawned.end();) {
+         if (!a.pos.empty() && std::find(a.pos.begin(), a.pos.end(), (*it)->name) == a.pos.end()) {
+            ++it;
+            continue;
+         }
+         (*it)->thread.Join();
+         done.push_back(std::move(*it));
+         it = spawned.erase(it);
+      }
+      std::string failed;
+      for (const auto &sp : done) {
+         Out() << sp->out.str();
+         mainLast = std::move(sp->last);
+         if (!sp->error.empty() && failed.empty()) failed = fmt::format("spawn {} ({}): {}", sp->name, sp->command, sp->error);
+      }
+      if (!failed.empty()) throw Fail{failed};
+   }
+
+   // `try COMMAND...`: a command whose failure is an outcome, not the
+   // script's end (an unload that may find its module in use, say): what
+   // failed is printed, and `expect status` sees the status.
+   void DoTry(const std::vector<std::string> &words) {
+      if (words.size() < 2) throw Fail{"missing argument; usage: try COMMAND [ARGS...]"};
+      try {
+         Run(std::vector<std::string>(words.begin() + 1, words.end()));
+      } catch (const Fail &f) {
+         Out() << "tried: " << f.why << "\n";
+      }
+   }
+
+   // What a script left running when it ended is waited for: the host must
+   // not stop under it.  Returns "" or why one of them failed.
+   std::string WaitForAll() {
+      try {
+         DoWait(Args{});
+      } catch (const Fail &f) {
+         return f.why;
+      }
+      return "";
    }
 
    void Run(const std::vector<std::string> &words) {
@@ -561,14 +726,20 @@ struct Interpreter::Impl {
          {"expect", &Impl::DoExpect},     {"report", &Impl::DoReport}};
       if (cmd == "lusctl") {
          DoLusctl(words);
+      } else if (cmd == "spawn") {
+         DoSpawn(words);
+      } else if (cmd == "try") {
+         DoTry(words);
+      } else if (cmd == "wait") {
+         DoWait(a);
       } else if (cmd == "clear-faults") {
          hyksim::ClearFaults();
       } else if (cmd == "echo") {
          std::string text;
          for (size_t i = 1; i < words.size(); i++) text += (i > 1 ? " " : "") + words[i];
-         out << text << "\n";
+         Out() << text << "\n";
       } else if (cmd == "help") {
-         out << Help();
+         Out() << Help();
       } else {
          auto it = table.find(cmd);
          if (it == table.end()) throw Fail{fmt::format("unknown command '{}' (try help)", cmd)};
@@ -577,9 +748,12 @@ struct Interpreter::Impl {
    }
 };
 
+thread_local Interpreter::Impl::Last *Interpreter::Impl::tLast = nullptr;
+thread_local std::ostream *Interpreter::Impl::tOut = nullptr;
+
 Interpreter::Interpreter(const ScenarioOptions &opts, std::ostream &out)
    : impl_(std::make_unique<Impl>(opts, out)) {}
-Interpreter::~Interpreter() = default;
+Interpreter::~Interpreter() { impl_->WaitForAll(); }
 
 std::string Interpreter::Execute(const std::string &line) {
    std::vector<std::string> words;
@@ -638,8 +812,11 @@ bool Interpreter::RunLines(const std::string &name, const std::function<ssize_t(
    std::string line;
    for (uint64_t n = 1;; n++) {
       switch (reader.Next(&line)) {
-         case LineReader::kEnd:
-            return true;
+         case LineReader::kEnd: {
+            const std::string why = impl_->WaitForAll();
+            if (!why.empty()) impl_->out << fmt::format("{}:{}: {}\n", name, n, why);
+            return why.empty();
+         }
          case LineReader::kError:
             impl_->out << fmt::format("{}:{}: cannot read: {}\n", name, n, std::strerror(reader.error()));
             return false;
@@ -652,6 +829,7 @@ bool Interpreter::RunLines(const std::string &name, const std::function<ssize_t(
       std::string why = Execute(line);
       if (!why.empty()) {
          impl_->out << fmt::format("{}:{}: {}\n", name, n, why);
+         impl_->WaitForAll();
          return false;
       }
    }
@@ -672,7 +850,11 @@ std::string Interpreter::Help() {
   expect status S | exit N | log "TEXT" [count=N] | no-log "TEXT" | blocked PORT|PORTSET [yes|no]
          | blocked-time PORT [min=S] [max=S] | heap NAME [bytes=N] [max=N] | use-count MODULE N
          | ledger CLIENT KIND [scope=PORTSET|global] [ports=N] [bytes=N] [same-as=KIND] | output "TEXT"
+         | intact
   report [json=FILE] [trace=FILE] [chart=FILE]
+  try COMMAND [ARGS...]                  a command whose failure is printed, not the end of the script
+  spawn NAME COMMAND [ARGS...]           run COMMAND on a host thread of its own, alongside what follows
+  wait [NAME...]                         wait for spawned commands; then expect looks at the last one
   echo TEXT                              help
 ports are IDs or PORTSET#INDEX (the INDEX-th port made in PORTSET, from 0); @PORTSET#INDEX
 anywhere in a word (a module parameter, a lusctl argument) stands for that port's ID

@@ -83,10 +83,10 @@ void ClockInterruptSleepers() {
    c.cv.notify_all();
 }
 
-bool ClockWaitUntil(uint64_t deadlineUS) {
+bool ClockWaitUntil(uint64_t deadlineUS, const char *what) {
    if (sched::Active() && sched::Controlled()) {
       // The clock moves when every controlled thread waits, to the earliest wait's time.
-      while (ClockNowUS() < deadlineUS) sched::Block(nullptr, deadlineUS, "the clock");
+      while (ClockNowUS() < deadlineUS) sched::Block(nullptr, deadlineUS, what);
       return true;
    }
    Clock &c = TheClock();
@@ -118,7 +118,7 @@ void AdvanceClock(uint64_t us) {
    if (sched::Active() && sched::Controlled()) {
       // Time passes for the caller alone: the others run meanwhile, and the
       // timers that fall due fire on their queues as the clock reaches them.
-      core::ClockWaitUntil(core::ClockNowUS() + us);
+      core::ClockWaitUntil(core::ClockNowUS() + us, "a clock advance");
       return;
    }
    std::lock_guard<std::mutex> lk(c.advanceMu);
@@ -154,7 +154,7 @@ extern "C" void hyk_TimerDelayUS(uint64_t us) {
    if (sched::Active() && sched::Controlled()) {
       // The caller is busy for `us`; the other CPUs go on meanwhile.
       sched::Point("hyk_TimerDelayUS");
-      core::ClockWaitUntil(core::ClockNowUS() + us);
+      core::ClockWaitUntil(core::ClockNowUS() + us, "a busy-wait");
       return;
    }
    if (c.isVirtual.load(std::memory_order_relaxed)) {

@@ -93,7 +93,8 @@ uint64_t ClockNowUS();
 void ClockInterruptSleepers();
 // Blocks until the host clock reaches `deadline` (virtual clock: somebody
 // else advances it).  false when interrupted by a host stop or restart.
-bool ClockWaitUntil(uint64_t deadlineUS);
+// `what` names the wait in the controlled mode's report.
+bool ClockWaitUntil(uint64_t deadlineUS, const char *what = "a sleep");
 // Virtual clock: moves it `us` forward, adding to whatever moves it at the
 // same time (an advance, another thread's delay), and wakes the sleepers.
 void ClockAddVirtual(uint64_t us);

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <memory>
 #include <random>
 #include <vector>
@@ -44,6 +45,7 @@ struct Thread {
    bool late = false;          // the time ended its block
    const char *what = "";      // what it waits for, or the call it stopped at
    uint64_t priority = 0;      // PCT
+   std::map<std::string, uint64_t> waits;   // what it was blocked on, how often
    std::condition_variable cv;
 };
 
@@ -102,6 +104,21 @@ std::string Format(const Scheduler &s, const Decision &d) {
 std::vector<std::string> Recent(const Scheduler &s) {
    std::vector<std::string> out;
    for (const Decision &d : s.decisions) out.push_back(Format(s, d));
+   return out;
+}
+
+std::vector<std::string> Waits(const Scheduler &s) {
+   std::vector<std::string> out;
+   for (const auto &t : s.threads) {
+      if (t->waits.empty()) continue;
+      std::string line = Describe(*t) + ":";
+      const char *sep = " ";
+      for (const auto &[what, n] : t->waits) {
+         line += sep + what + " x" + std::to_string(n);
+         sep = ", ";
+      }
+      out.push_back(line);
+   }
    return out;
 }
 
@@ -213,6 +230,7 @@ bool Block(const void *channel, uint64_t deadlineUS, const char *what) {
    self->deadline = deadlineUS;
    self->late = false;
    self->what = what;
+   self->waits[what]++;
    Thread *next = PickOrDeadlock(s, lk);
    Record(s, self, next, what);
    HandOver(s, lk, self, next);
@@ -295,6 +313,7 @@ ScheduleSummary ScheduleSoFar() {
    std::lock_guard<std::mutex> lk(s.mu);
    ScheduleSummary out = s.summary;
    out.lastDecisions = Recent(s);
+   out.waits = Waits(s);
    return out;
 }
 
@@ -312,6 +331,7 @@ ScheduleSummary ScheduleEnd() {
    tSelf = nullptr;
    ScheduleSummary out = s.summary;
    out.lastDecisions = Recent(s);
+   out.waits = Waits(s);
    return out;
 }
 

@@ -54,6 +54,13 @@ uint64_t LogHash() {
    return h;
 }
 
+// A fault in module or host code ends the schedule too: its decisions first.
+void OnFault(int sig) {
+   hyksim::ScheduleReportFailure(std::string("signal ") + std::to_string(sig) + " (" + strsignal(sig) + ")");
+   signal(sig, SIG_DFL);
+   raise(sig);
+}
+
 struct Outcome {
    bool passed = false;
    hyksim::ScheduleSummary summary;
@@ -67,6 +74,7 @@ Outcome RunControlled(const std::string &file, uint64_t seed, uint32_t depth, ui
    o.seed = seed;
    o.pctDepth = depth;
    o.pctSteps = steps != 0 ? steps : o.pctSteps;
+   for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) signal(sig, OnFault);
    hyksim::ScheduleBegin(o);
    Outcome r;
    r.passed = run(file, out);
@@ -284,8 +292,8 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
    }
    out << "\n";
    if (!failures.empty()) {
-      out << fmt::format("first failure: {} {} (the {} one run)\n", controlled ? "schedule" : "run",
-                         failures.front().index, failures.front().index + 1);
+      out << fmt::format("first failure: {} {} ({} run before it)\n", controlled ? "schedule" : "run",
+                         failures.front().index, failures.front().index);
    }
    return failures.empty() && done == total ? 0 : 1;
 }
@@ -301,6 +309,8 @@ int ReplaySchedule(const std::string &file, uint64_t seed, uint32_t pctDepth, ui
                       seed, pctDepth == 0 ? std::string(" (random walk)") : fmt::format(" (PCT depth {}, {} steps)", pctDepth, pctSteps),
                       r.passed ? "passed" : "FAILED", r.summary.steps, r.summary.switches, r.summary.threads,
                       r.summary.clockMoves, r.summary.traceHash, r.logHash);
+   out << "  where each thread waited:\n";
+   for (const auto &w : r.summary.waits) out << "    " << w << "\n";
    if (!r.passed) PrintDecisions(out, r.summary.lastDecisions);
    return r.passed ? 0 : 1;
 }

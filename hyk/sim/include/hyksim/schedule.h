@@ -42,6 +42,8 @@ struct ScheduleSummary {
    uint32_t threads = 0;     // controlled threads of the run
    uint64_t traceHash = 0;   // of the host-call trace: (thread, call) at every point
    std::vector<std::string> lastDecisions;   // oldest first
+   // Per thread, what it was blocked on and how often: "T3(process lusctl): the clock x12".
+   std::vector<std::string> waits;
 };
 
 // The calling thread becomes the first controlled thread ("main") and every

@@ -3,6 +3,8 @@
 
 #include <dlfcn.h>
 
+#include <cstdlib>
+
 #include <regex>
 
 #include "hyksim/fabric.h"
@@ -13,7 +15,12 @@
 
 namespace lustest {
 
-std::string LusModulePath() { return LUS_MODULE_PATH; }
+// LUS_TEST_MODULE names another build of lus to test instead (a test build
+// with a re-introduced bug, to measure how often a test finds it).
+std::string LusModulePath() {
+   const char *other = std::getenv("LUS_TEST_MODULE");
+   return other != nullptr && *other != '\0' ? other : LUS_MODULE_PATH;
+}
 
 hyk_Status LoadLus(const std::vector<std::string> &params, hyk_ModuleID *id) {
    hyk_ModuleID local = HYK_INVALID_MODULE_ID;

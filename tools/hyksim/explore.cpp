@@ -292,8 +292,10 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
    }
    out << "\n";
    if (!failures.empty()) {
+      const auto first = std::min_element(failures.begin(), failures.end(),
+                                          [](const Result &a, const Result &b) { return a.index < b.index; });
       out << fmt::format("first failure: {} {} ({} run before it)\n", controlled ? "schedule" : "run",
-                         failures.front().index, failures.front().index);
+                         first->index, first->index);
    }
    return failures.empty() && done == total ? 0 : 1;
 }

@@ -267,8 +267,14 @@ struct Interpreter::Impl {
    }
 
    // ---- topology --------------------------------------------------------------------------
+   // The script's names of portsets and ports are read by spawned commands.
+   void NoneSpawned(const char *what) const {
+      if (!spawned.empty()) throw Fail{fmt::format("{}: wait for the spawned commands first", what)};
+   }
+
    void DoPortset(const Args &a) {
       Need(a, 1, "portset NAME [class=C] [module=M] [version=N] [fdp=yes]");
+      NoneSpawned("portset");
       if (ports.size() >= opts.maxPortsets) {
          throw Fail{fmt::format("portset {}: the host holds {} portsets, as many as it may (--max-portsets)",
                                 a.pos[0], ports.size())};
@@ -285,6 +291,7 @@ struct Interpreter::Impl {
 
    void DoPorts(const Args &a) {
       Need(a, 2, "ports PORTSET N [vms=M] [type=vnic|container|uplink] [lspg=yes] [external-id=S] [filter=S]");
+      NoneSpawned("ports");
       const std::string ps = a.pos[0];
       Portset(ps);
       // The host holds at most opts.maxPorts ports, so that no line can ask

@@ -104,6 +104,11 @@ void OnAlarm(int) {
    _exit(124);
 }
 
+// The parent's Ctrl-C or TERM: the children are ended and the scratch
+// directory removed before the exploration says how far it got.
+volatile sig_atomic_t gInterrupted = 0;
+void OnInterrupt(int) { gInterrupted = 1; }
+
 struct Child {
    pid_t pid = 0;
    uint64_t index = 0;
@@ -217,6 +222,11 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
       return 1;
    }
    const auto start = std::chrono::steady_clock::now();
+   struct sigaction onStop = {};
+   onStop.sa_handler = OnInterrupt;   // no SA_RESTART: waitpid returns to look at the flag
+   struct sigaction oldInt = {}, oldTerm = {};
+   sigaction(SIGINT, &onStop, &oldInt);
+   sigaction(SIGTERM, &onStop, &oldTerm);
    std::map<pid_t, Child> running;
    std::vector<Result> failures;
    std::set<uint64_t> traces;
@@ -242,6 +252,17 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
       if (running.empty()) break;
       int status = 0;
       const pid_t pid = waitpid(-1, &status, 0);
+      if (gInterrupted) {
+         for (const auto &[child, c] : running) kill(child, SIGKILL);
+         for (const auto &[child, c] : running) {
+            waitpid(child, nullptr, 0);
+            std::remove(c.outPath.c_str());
+         }
+         running.clear();
+         out << fmt::format("\ninterrupted after {} of {} {}\n", done, total, controlled ? "schedules" : "runs");
+         stop = true;
+         break;
+      }
       if (pid < 0) break;
       auto it = running.find(pid);
       if (it == running.end()) continue;
@@ -282,6 +303,8 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
       }
    }
    rmdir(dir);
+   sigaction(SIGINT, &oldInt, nullptr);
+   sigaction(SIGTERM, &oldTerm, nullptr);
    const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
    out << fmt::format("== {}: {} of {} {} passed, {} failed, in {:.1f} s ({:.1f} per second)", file,
                       done - failures.size(), done, controlled ? "schedules" : "runs", failures.size(), secs,
@@ -297,6 +320,7 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
       out << fmt::format("first failure: {} {} ({} run before it)\n", controlled ? "schedule" : "run",
                          first->index, first->index);
    }
+   if (gInterrupted) return 130;
    return failures.empty() && done == total ? 0 : 1;
 }
 

@@ -33,7 +33,7 @@ done
 # The same schedule: the same failure, the same trace and log, byte for byte.
 figures() {
   grep -E "^schedule 0x|^schedule failed|PANIC|state not intact|\.hyk:[0-9]+:|^ +step +[0-9]+ |ERROR: [A-Za-z]+Sanitizer" "$1" |
-    sed -E 's/0x[0-9a-f]{8,}//g' | sort -u || true
+    sed -E 's/0x[0-9a-f]{8,}//g; s/==[0-9]+==//g; s/\(pid=[0-9]+\)//g' | sort -u || true
 }
 if ! diff <(figures "$out.1") <(figures "$out.2") >/dev/null; then
   diff <(figures "$out.1") <(figures "$out.2") || true

@@ -97,7 +97,7 @@ constinit hyk_SpinlockID lusMapLock = HYK_INVALID_LOCK;
 
 /* Owner of the registry (LUS_REGISTRY_*); see lusRegistryAcquire. */
 constinit uint32_t lusRegistryState = 0;
-/* Guarded by lusMapLock, as are the two below. */
+/* Guarded by lusMapLock, as are the two below (stored atomically: tests look at it). */
 constinit uint8_t lusClearInProgress = 0;
 constinit uint32_t lusRestoresInFlight = 0;
 /* A clear waits for restores under way: the last of them finishes it (see LUS_ClientClear). */
@@ -353,7 +353,7 @@ static void lusClientClearFinish(uint32_t alsoPortPhase)
    hyk_RWSpinlockWriteUnlock(lusClientLock);
 
    lusMapLockTake();
-   lusClearInProgress = 0;
+   __atomic_store_n(&lusClearInProgress, 0, __ATOMIC_RELAXED);
    lusMapLockDrop();
 }
 
@@ -387,7 +387,7 @@ void LUS_ClientClear(uint32_t alsoPortPhase)
    LUS_LOG(LUS_LOG_INFO, "Clearing LUS Client data ...\n");
 
    lusMapLockTake();
-   lusClearInProgress = 1;
+   __atomic_store_n(&lusClearInProgress, 1, __ATOMIC_RELAXED);
    bool handOff = lusRestoresInFlight != 0;
 #if LUS_REINTRODUCED_BUG == 1
    /* The old bug, for the schedule explorer's proof: the clear does not wait for restores. */

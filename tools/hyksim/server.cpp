@@ -163,10 +163,10 @@ void ServeConnection(Shared &sh, Connection *c) {
 // misbehaving new build shows it to whatever tool loads that build, so a
 // rollout runs the same command line on every host and the host that goes
 // wrong is the host's own doing.
-class ConfiguredHost : public lusctl::Host {
+class ConfiguredHost : public lusctl::ForwardingHost {
   public:
    ConfiguredHost(lusctl::Host &inner, std::vector<std::string> params)
-      : inner_(inner), params_(std::move(params)) {}
+      : ForwardingHost(inner), params_(std::move(params)) {}
 
    hyk_Status LoadModule(const std::string &name, const std::vector<std::string> &params,
                          std::string *error) override {
@@ -179,24 +179,8 @@ class ConfiguredHost : public lusctl::Host {
       all.insert(all.end(), own.begin(), own.end());
       return inner_.LoadModule(name, all, error);
    }
-   hyk_Status UnloadModule(const std::string &name) override { return inner_.UnloadModule(name); }
-   std::vector<lusctl::ModuleInfo> Modules() override { return inner_.Modules(); }
-   std::vector<hyksim::PortsetView> Portsets() override { return inner_.Portsets(); }
-   std::vector<hyksim::PortView> Ports() override { return inner_.Ports(); }
-   hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) override {
-      return inner_.TakeOver(portset, build, threads);
-   }
-   hyk_Status EnablePort(uint32_t port) override { return inner_.EnablePort(port); }
-   hyk_Status PostRestoreEvent(uint32_t port) override { return inner_.PostRestoreEvent(port); }
-   hyk_Status UnblockPort(uint32_t port) override { return inner_.UnblockPort(port); }
-   std::vector<lusctl::TimerInfo> Timers() override { return inner_.Timers(); }
-   std::vector<hyksim::LogLine> Log() override { return inner_.Log(); }
-   std::vector<hyksim::LedgerClientView> Ledger() override { return inner_.Ledger(); }
-   std::vector<hyksim::HeapView> Heaps() override { return inner_.Heaps(); }
-   uint64_t NowUS() override { return inner_.NowUS(); }
 
   private:
-   lusctl::Host &inner_;
    std::vector<std::string> params_;
 };
 

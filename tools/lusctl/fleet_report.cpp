@@ -297,16 +297,16 @@ void PrintFleetReport(std::ostream &out, const FleetReport &f) {
                                            : fmt::format("; not reached, left on build {}: {}", f.fromBuild,
                                                          fmt::join(untouched, ", ")));
    }
-   out << fmt::format("\n{:<10} {:>4}  {:<16} {:<26} {:>5} {:>10} {:>10} {:>10} {:>10} {:>8}  {:<9}  {}\n", "host",
+   out << fmt::format("\n{:<10} {:>4}  {:<17} {:<26} {:>5} {:>10} {:>10} {:>10} {:>10} {:>8}  {:<9}  {}\n", "host",
                       "wave", "outcome", "verdict", "ports", "p50 ms", "p99 ms", "max ms", "moved", "lost", "recovery",
                       "first failure");
    for (const auto &h : f.hosts) {
       if (!Reached(h)) {
-         out << fmt::format("{:<10} {:>4}  {:<16}\n", h.host, "-", h.outcome);
+         out << fmt::format("{:<10} {:>4}  {:<17}\n", h.host, "-", h.outcome);
          continue;
       }
       const bool measured = !h.verdict.empty();
-      out << fmt::format("{:<10} {:>4}  {:<16} {:<26} {:>5} {:>10} {:>10} {:>10} {:>10} {:>8}  {:<9}  {}\n", h.host,
+      out << fmt::format("{:<10} {:>4}  {:<17} {:<26} {:>5} {:>10} {:>10} {:>10} {:>10} {:>8}  {:<9}  {}\n", h.host,
                          h.wave, Failed(h) ? "FAILED" : h.outcome, measured ? h.verdict : "-",
                          measured ? std::to_string(h.ports) : "-", measured ? Ms(h.p50US) : "-",
                          measured ? Ms(h.p99US) : "-",
@@ -532,6 +532,13 @@ class FleetChart {
          Line(x - 3, Y(h.p50US), x + w + 3, Y(h.p50US), fmt::format("stroke=\"{}\" stroke-width=\"2\"", kInkC));
          body_ += fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"3.5\" fill=\"{}\" stroke=\"white\"/>\n", cx,
                               Y(h.p99US), kInkC);
+         if (h.stillBlocked != 0) {
+            // Its outage ran on into the recovery: the bar is a floor, not the whole.
+            body_ += fmt::format("<polygon points=\"{:.1f},{:.1f} {:.1f},{:.1f} {:.1f},{:.1f}\" fill=\"{}\"><title>{}</title>"
+                                 "</polygon>\n",
+                                 x + w + 3, top + 8, x + w + 11, top + 8, x + w + 7, top, kInkC,
+                                 Xml(fmt::format("{} port(s) still blocked when the upgrade ended", h.stillBlocked)));
+         }
          if (Failed(h)) {
             const double s = std::min(w / 2, 9.0), y = top - s - 6;
             Line(cx - s, y - s, cx + s, y + s, fmt::format("stroke=\"{}\" stroke-width=\"3\"", kRedBar));
@@ -577,6 +584,11 @@ class FleetChart {
       x += 60;
       body_ += fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"3.5\" fill=\"{}\"/>\n", x + 11, y_ - 5, kInkC);
       Text(x + 28, y_, "p99", "font-size=\"11\"");
+      y_ += 18;
+      body_ += fmt::format("<polygon points=\"{:.1f},{:.1f} {:.1f},{:.1f} {:.1f},{:.1f}\" fill=\"{}\"/>\n", 19.0, y_,
+                           27.0, y_, 23.0, y_ - 8, kInkC);
+      Text(40, y_, "a port was still blocked when the upgrade ended: its outage ran on into the recovery",
+           "font-size=\"11\"");
       if (!gateNote_.empty()) {
          y_ += 16;
          Text(12, y_, gateNote_, "font-size=\"11\" fill=\"#999\"");

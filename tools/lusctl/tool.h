@@ -88,6 +88,35 @@ class Host {
    virtual uint64_t NowUS() = 0;
 };
 
+// A Host that passes every call to another: what a host that changes one
+// service (the server's own module parameters) derives from.
+class ForwardingHost : public Host {
+  public:
+   explicit ForwardingHost(Host &inner) : inner_(inner) {}
+   hyk_Status LoadModule(const std::string &name, const std::vector<std::string> &params,
+                         std::string *error) override {
+      return inner_.LoadModule(name, params, error);
+   }
+   hyk_Status UnloadModule(const std::string &name) override { return inner_.UnloadModule(name); }
+   std::vector<ModuleInfo> Modules() override { return inner_.Modules(); }
+   std::vector<hyksim::PortsetView> Portsets() override { return inner_.Portsets(); }
+   std::vector<hyksim::PortView> Ports() override { return inner_.Ports(); }
+   hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) override {
+      return inner_.TakeOver(portset, build, threads);
+   }
+   hyk_Status EnablePort(uint32_t port) override { return inner_.EnablePort(port); }
+   hyk_Status PostRestoreEvent(uint32_t port) override { return inner_.PostRestoreEvent(port); }
+   hyk_Status UnblockPort(uint32_t port) override { return inner_.UnblockPort(port); }
+   std::vector<TimerInfo> Timers() override { return inner_.Timers(); }
+   std::vector<hyksim::LogLine> Log() override { return inner_.Log(); }
+   std::vector<hyksim::LedgerClientView> Ledger() override { return inner_.Ledger(); }
+   std::vector<hyksim::HeapView> Heaps() override { return inner_.Heaps(); }
+   uint64_t NowUS() override { return inner_.NowUS(); }
+
+  protected:
+   Host &inner_;
+};
+
 // The tool's environment: a host, and a device of that host per opening.
 struct Environment {
    Host *host = nullptr;

@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake make g++ gcc clang libclang-rt-14-dev binutils libgtest-dev libgmock-dev
           libbenchmark-dev libcli11-dev nlohmann-json3-dev libfmt-dev librsvg2-bin libedit-dev
-          libxml2-utils lintian)
+          libxml2-utils lintian ansible-core)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -7,7 +7,7 @@
 //   hyksim run FILE --stress N
 //   hyksim shell [--seed N] [--log-file F]
 //   hyksim demo [--report-dir D]
-//   hyksim serve --socket PATH [FILE] [--allow-group G] [--max-...]
+//   hyksim serve --socket PATH [FILE] [--allow-group G] [--module-param M:N=V] [--max-...]
 //
 // Every number of the command line is read with the one parser of input.h:
 // a value out of range or malformed is bad usage (exit 2), never wrapped.
@@ -306,6 +306,11 @@ int main(int argc, char **argv) {
    serve->add_option("FILE", topology, "a scenario that builds the host first")->check(CLI::ExistingFile);
    serve->add_option("--allow-group", allowGroup, "also serve peers of this group (a name or a number)");
    AddWhole<uint32_t>(serve, "--max-connections", &so.maxConnections, 1, 4096, "connections served at once");
+   serve->add_option("--module-param", so.moduleParams,
+                     "MODULE:NAME=VALUE: a parameter this host gives MODULE (NAME-BUILD) whenever a tool loads it, "
+                     "after the tool's own; @PORTSET#INDEX in VALUE is that port's ID (repeatable)")
+      ->check([](const std::string &v) { return hyksimtool::CheckModuleParam(v); })
+      ->allow_extra_args(false);
    common(serve);
    limits(serve);
    auto *modules = app.add_subcommand("modules", "list the modules along the module path, and where each is");

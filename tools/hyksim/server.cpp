@@ -30,6 +30,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -157,7 +158,70 @@ void ServeConnection(Shared &sh, Connection *c) {
    Wake(sh.wakeFd);
 }
 
+// The host's module service as tools reach it, with what this host adds
+// for a module of its own accord (--module-param): a host configured with a
+// misbehaving new build shows it to whatever tool loads that build, so a
+// rollout runs the same command line on every host and the host that goes
+// wrong is the host's own doing.
+class ConfiguredHost : public lusctl::ForwardingHost {
+  public:
+   ConfiguredHost(lusctl::Host &inner, std::vector<std::string> params)
+      : ForwardingHost(inner), params_(std::move(params)) {}
+
+   hyk_Status LoadModule(const std::string &name, const std::vector<std::string> &params,
+                         std::string *error) override {
+      std::vector<std::string> all = params, own;
+      std::string why;
+      if (!ConfiguredParams(params_, name, lusctl::PortNames(inner_.Ports()), &own, &why)) {
+         if (error != nullptr) *error = why;
+         return HYK_BAD_PARAM;
+      }
+      all.insert(all.end(), own.begin(), own.end());
+      return inner_.LoadModule(name, all, error);
+   }
+
+  private:
+   std::vector<std::string> params_;
+};
+
 }  // namespace
+
+std::string CheckModuleParam(const std::string &spec) {
+   const auto colon = spec.find(':');
+   const auto eq = spec.find('=', colon == std::string::npos ? 0 : colon);
+   if (colon == std::string::npos || colon == 0 || eq == std::string::npos || eq == colon + 1) {
+      return fmt::format("{}: expected MODULE:NAME=VALUE (MODULE as loaded: NAME-BUILD)", spec);
+   }
+   return "";
+}
+
+bool ConfiguredParams(const std::vector<std::string> &moduleParams, const std::string &module,
+                      const std::map<uint32_t, std::string> &names, std::vector<std::string> *out,
+                      std::string *error) {
+   std::map<std::string, uint32_t> ids;
+   for (const auto &[id, name] : names) ids[name] = id;
+   static const std::regex ref(R"(@([^@#\s]+#[0-9]+))");
+   for (const auto &spec : moduleParams) {
+      const auto colon = spec.find(':');
+      if (colon == std::string::npos || spec.compare(0, colon, module) != 0 || colon != module.size()) continue;
+      const std::string param = spec.substr(colon + 1);
+      std::string value;
+      auto from = param.cbegin();
+      for (std::sregex_iterator it(param.begin(), param.end(), ref), end; it != end; ++it) {
+         const auto found = ids.find((*it)[1].str());
+         if (found == ids.end()) {
+            *error = fmt::format("the host's --module-param {}: no port {}", spec, (*it)[1].str());
+            return false;
+         }
+         value.append(from, (*it)[0].first);
+         value += std::to_string(found->second);
+         from = (*it)[0].second;
+      }
+      value.append(from, param.cend());
+      out->push_back(value);
+   }
+   return true;
+}
 
 bool CheckSocketDirectory(const std::string &socketPath, uid_t owner, std::string *error) {
    const std::string dir = DirectoryOf(socketPath);
@@ -310,11 +374,13 @@ int Serve(const ServeOptions &o, std::ostream &out, std::ostream &err) {
       return 1;
    }
    scenarioOut.str("");
-   auto host = lusctl::MakeSimHost(o.scenario.moduleDir);
+   auto simHost = lusctl::MakeSimHost(o.scenario.moduleDir);
+   ConfiguredHost configured(*simHost, o.moduleParams);
+   lusctl::Host *host = o.moduleParams.empty() ? simHost.get() : &configured;
 
    int wake[2];
    if (pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0) return fail("cannot make a pipe for");
-   Shared sh{o, host.get(), &interp, &scenarioOut, {}, {}, wake[1]};
+   Shared sh{o, host, &interp, &scenarioOut, {}, {}, wake[1]};
    gSignal = 0;
    gWakeFd = wake[1];
    struct sigaction act {}, oldInt {}, oldTerm {}, oldPipe {};

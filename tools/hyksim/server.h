@@ -16,6 +16,7 @@
 #include <sys/types.h>
 
 #include <iosfwd>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,7 +32,21 @@ struct ServeOptions {
    size_t maxLineBytes = 1 << 20;    // a request line
    uint32_t maxConnections = 64;     // connections served at once
    std::optional<gid_t> allowGroup;  // also serve peers of this group
+   // MODULE:NAME=VALUE: parameters this host gives module MODULE ("NAME-BUILD")
+   // whenever a tool loads it, after the tool's own (see ConfiguredParams).
+   std::vector<std::string> moduleParams;
 };
+
+// The parameters a host configured for `module` (its --module-param's of
+// that exact name), each `@PORTSET#INDEX` in a value replaced by that port's
+// ID among `names` (ID -> "PORTSET#INDEX").  False with *error when a
+// reference names no port.
+bool ConfiguredParams(const std::vector<std::string> &moduleParams, const std::string &module,
+                      const std::map<uint32_t, std::string> &names, std::vector<std::string> *out,
+                      std::string *error);
+
+// MODULE:NAME=VALUE, each part non-empty; "" or why not.
+std::string CheckModuleParam(const std::string &spec);
 
 // Serves until a `shutdown` request, SIGINT or SIGTERM; every connection is
 // then ended and the socket removed.  The host must have been started.

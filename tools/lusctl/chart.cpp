@@ -18,6 +18,31 @@
 
 namespace lusctl {
 
+std::string Xml(const std::string &s) {
+   std::string out;
+   out.reserve(s.size());
+   for (char c : s) {
+      switch (c) {
+         case '&': out += "&amp;"; break;
+         case '<': out += "&lt;"; break;
+         case '>': out += "&gt;"; break;
+         case '"': out += "&quot;"; break;
+         case '\'': out += "&apos;"; break;
+         default: out += c;
+      }
+   }
+   return out;
+}
+
+double NiceStep(double span, int ticks) {
+   const double raw = span / ticks;
+   const double p = std::pow(10.0, std::floor(std::log10(raw)));
+   for (double m : {1.0, 2.0, 5.0}) {
+      if (m * p >= raw) return m * p;
+   }
+   return 10 * p;
+}
+
 namespace {
 
 constexpr size_t kMaxRows = 300;      // more ports than this: density bands
@@ -34,22 +59,6 @@ const char *const kInk = "#222";
 const char *const kFaint = "#999";
 // The budget's deadline: dark, to be seen over the red of the ports past it.
 const char *const kBudgetLine = "stroke=\"#222\" stroke-width=\"1.5\" stroke-dasharray=\"6 4\"";
-
-std::string Xml(const std::string &s) {
-   std::string out;
-   out.reserve(s.size());
-   for (char c : s) {
-      switch (c) {
-         case '&': out += "&amp;"; break;
-         case '<': out += "&lt;"; break;
-         case '>': out += "&gt;"; break;
-         case '"': out += "&quot;"; break;
-         case '\'': out += "&apos;"; break;
-         default: out += c;
-      }
-   }
-   return out;
-}
 
 // The time axis: host microseconds from the flow's start to its end (or the
 // last thing drawn), shown in the unit that suits the range.
@@ -71,16 +80,6 @@ struct TimeAxis {
       return fmt::format("{} us", us);
    }
 };
-
-// A 1, 2 or 5 times a power of ten, giving about `ticks` ticks over `span`.
-double NiceStep(double span, int ticks) {
-   const double raw = span / ticks;
-   const double p = std::pow(10.0, std::floor(std::log10(raw)));
-   for (double m : {1.0, 2.0, 5.0}) {
-      if (m * p >= raw) return m * p;
-   }
-   return 10 * p;
-}
 
 // A portset's ports in the order they were made ("PORTSET#INDEX").
 struct Group {

@@ -118,6 +118,7 @@ class Cli {
       AddCommands(app);
       AddFlows(app);
       AddRecovery(app);
+      AddFleetReport(app);
 
       // A word that is no command gets a message of its own (the parser would
       // only say that a command is missing).
@@ -371,6 +372,31 @@ class Cli {
       });
    }
 
+   // ---- the fleet -------------------------------------------------------------------------
+   // Reads what deploy/ansible's playbook left in its report directory; needs no host.
+   void AddFleetReport(CLI::App &app) {
+      auto *fleet = app.add_subcommand("fleet-report", "the rollout of a fleet: a row per host (wave, verdict, "
+                                                       "outages, bytes moved and lost, first failure) from the "
+                                                       "playbook's report directory (needs no host)");
+      fleet->add_option("DIR", fleetDir_, "the playbook's lus_fleet_report_dir")->required();
+      fleet->add_option("--svg", fleetSvg_, "write a picture of each host's outage by wave to FILE");
+      fleet->callback([this] {
+         FleetReport f;
+         std::string why;
+         if (!ReadFleetReport(fleetDir_, &f, &why)) {
+            err_ << "lusctl: fleet-report: " << why << "\n";
+            exit_ = 1;
+            return;
+         }
+         if (g_.json) {
+            out_ << FleetReportJson(f);
+         } else if (!g_.quiet) {
+            PrintFleetReport(out_, f);
+         }
+         exit_ = fleetSvg_.empty() || WriteFile(fleetSvg_, FleetReportSvg(f), err_) ? 0 : 1;
+      });
+   }
+
    void Progress(const StepRecord &s, int total, bool done) {
       if (g_.quiet || g_.json) return;
       const std::string what = s.command.empty() ? s.name : fmt::format("{} -- {}", s.name, s.command);
@@ -458,6 +484,7 @@ class Cli {
    std::vector<std::string> allowed_;
    RecoverOptions r_;
    std::string recoverFlow_ = "classic";
+   std::string fleetDir_, fleetSvg_;
    int exit_ = 0;
 };
 

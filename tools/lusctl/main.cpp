@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <sstream>
@@ -214,6 +215,12 @@ int main(int argc, char **argv) {
    if (!TakeSimOptions(args, sim, error)) {
       std::cerr << "lusctl: " << error << "\n" << kSimHelp << "\n";
       return 2;
+   }
+   // The fleet's report reads files a rollout left: no host, neither served nor simulated.
+   const auto command = std::find_if(args.begin(), args.end(), [](const std::string &a) { return a.empty() || a[0] != '-'; });
+   if (command != args.end() && *command == "fleet-report") {
+      lusctl::Environment none;
+      return lusctl::RunCli(none, args, std::cout, std::cerr, false, kSimHelp);
    }
    if (!sim.hostSocket.empty()) {
       auto remote = lusctl::MakeRemote(sim.hostSocket, &error, static_cast<int>(sim.hostTimeoutSec * 1000));

@@ -39,14 +39,14 @@ uint64_t LastIntervalUS(const hyksim::PortView &p, uint64_t now) {
 
 double Seconds(uint64_t us) { return static_cast<double>(us) / 1e6; }
 
+}  // namespace
+
 uint64_t Percentile(std::vector<uint64_t> v, double p) {
    if (v.empty()) return 0;
    std::sort(v.begin(), v.end());
    size_t i = static_cast<size_t>(p * static_cast<double>(v.size() - 1) + 0.5);
    return v[std::min(i, v.size() - 1)];
 }
-
-}  // namespace
 
 std::string Thousands(uint64_t v) {
    std::string s = std::to_string(v), out;

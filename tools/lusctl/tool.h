@@ -88,6 +88,35 @@ class Host {
    virtual uint64_t NowUS() = 0;
 };
 
+// A Host that passes every call to another: what a host that changes one
+// service (the server's own module parameters) derives from.
+class ForwardingHost : public Host {
+  public:
+   explicit ForwardingHost(Host &inner) : inner_(inner) {}
+   hyk_Status LoadModule(const std::string &name, const std::vector<std::string> &params,
+                         std::string *error) override {
+      return inner_.LoadModule(name, params, error);
+   }
+   hyk_Status UnloadModule(const std::string &name) override { return inner_.UnloadModule(name); }
+   std::vector<ModuleInfo> Modules() override { return inner_.Modules(); }
+   std::vector<hyksim::PortsetView> Portsets() override { return inner_.Portsets(); }
+   std::vector<hyksim::PortView> Ports() override { return inner_.Ports(); }
+   hyk_Status TakeOver(const std::string &portset, uint32_t build, unsigned threads) override {
+      return inner_.TakeOver(portset, build, threads);
+   }
+   hyk_Status EnablePort(uint32_t port) override { return inner_.EnablePort(port); }
+   hyk_Status PostRestoreEvent(uint32_t port) override { return inner_.PostRestoreEvent(port); }
+   hyk_Status UnblockPort(uint32_t port) override { return inner_.UnblockPort(port); }
+   std::vector<TimerInfo> Timers() override { return inner_.Timers(); }
+   std::vector<hyksim::LogLine> Log() override { return inner_.Log(); }
+   std::vector<hyksim::LedgerClientView> Ledger() override { return inner_.Ledger(); }
+   std::vector<hyksim::HeapView> Heaps() override { return inner_.Heaps(); }
+   uint64_t NowUS() override { return inner_.NowUS(); }
+
+  protected:
+   Host &inner_;
+};
+
 // The tool's environment: a host, and a device of that host per opening.
 struct Environment {
    Host *host = nullptr;
@@ -328,6 +357,52 @@ void PrintTables(std::ostream &out, const Report &r, size_t worstPorts = 10);
 std::string ReportJson(const Report &r);
 std::string TraceJson(const Report &r);
 std::string ChartSvg(const Report &r);
+// The value at fraction `p` (0 to 1) of `v` sorted, nearest rank; 0 when empty.
+uint64_t Percentile(std::vector<uint64_t> v, double p);
+// Text made safe inside an SVG/XML element or attribute.
+std::string Xml(const std::string &s);
+// A 1, 2 or 5 times a power of ten, giving about `ticks` ticks over `span`.
+double NiceStep(double span, int ticks);
+
+// ---- the fleet's report -----------------------------------------------------------------
+
+// What a rollout with deploy/ansible left in its report directory, host by
+// host in the fleet's order: DIR/fleet.json (the fleet and its bounds),
+// HOST.host.json (the host's wave and what the role decided), HOST.upgrade.json
+// and HOST.recovery.json (this tool's reports).  A host with no HOST.host.json
+// was not reached.
+struct FleetHost {
+   std::string host;
+   bool canary = false;           // of the canary group
+   int wave = 0;                  // 0: not reached
+   std::string outcome;           // passed, failed, checked, already upgraded, not reached
+   std::string verdict;           // the upgrade report's ("" without one)
+   size_t ports = 0;              // ports of the upgrade
+   std::vector<uint64_t> outagesUS;   // each port's outage, as the host measured it
+   uint64_t p50US = 0, p99US = 0, maxUS = 0;
+   size_t stillBlocked = 0;       // ports lus still blocked when the upgrade ended
+   uint64_t bytesMoved = 0;       // state restored to the new build (after any recovery)
+   uint64_t bytesLost = 0;        // dropped by lus, mismatched or refused (after any recovery)
+   std::string firstFailure;
+   bool recovered = false;        // a recovery ran
+   bool recoveryClean = false;    // and left no upgrade unfinished
+   std::string recoveryVerdict;
+   std::vector<std::string> gateReasons;
+};
+struct FleetReport {
+   std::string dir;
+   uint32_t fromBuild = 0, toBuild = 0;
+   std::vector<FleetHost> hosts;
+   int waves = 0;                 // waves reached
+   int stoppedAfterWave = 0;      // the wave a failure ended the rollout after (0: none)
+   double gateMaxOutageSec = -1;  // the fleet's bound (-1: unknown)
+   bool checkMode = false;
+};
+// Reads DIR; false with *error naming the file and what is wrong with it.
+bool ReadFleetReport(const std::string &dir, FleetReport *out, std::string *error);
+void PrintFleetReport(std::ostream &out, const FleetReport &f);
+std::string FleetReportJson(const FleetReport &f);
+std::string FleetReportSvg(const FleetReport &f);
 
 // ---- status and recovery ----------------------------------------------------------------
 

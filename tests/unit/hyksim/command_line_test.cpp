@@ -99,6 +99,8 @@ TEST(HyksimCommandLine, NumbersAreCheckedAndBadUsageExits2) {
       {"run --max-takeover-threads 0 " + scenario, "bad value '0' for --max-takeover-threads: a whole number from 1 to 1024"},
       {"serve --socket /tmp/x.sock --max-connections 0", "bad value '0' for --max-connections"},
       {"serve --socket /tmp/x.sock --max-line-bytes -1", "bad value '-1' for --max-line-bytes"},
+      {"serve --socket /tmp/x.sock --module-param failSlot=3", "failSlot=3: expected MODULE:NAME=VALUE"},
+      {"serve --socket /tmp/x.sock --module-param tarnq-dfw-2000:failSlot", "expected MODULE:NAME=VALUE"},
    };
    for (const auto &c : cases) {
       const Result r = Hyksim(c.args);

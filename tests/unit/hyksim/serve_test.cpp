@@ -229,6 +229,36 @@ TEST_F(ServeTest, ASeparateLusctlProcessDrivesAWholeClassicUpgrade) {
    EXPECT_EQ(Lusctl("save --portset nosuch", &bad), 1) << bad;
 }
 
+// A host configured with a misbehaving new build (--module-param): the tool's
+// command line is the one every host gets, and the host's own parameters
+// make its new switch refuse the port it names; other modules are untouched.
+TEST_F(ServeTest, TheHostsOwnModuleParametersReachTheModuleAToolLoads) {
+   RestartServer({"--module-param", "tarnq-vswitch-2000:failSlot=3", "--module-param",
+                  "tarnq-vswitch-2000:failPort=@ps0#6"});
+   std::string out;
+   int code = Lusctl("upgrade classic --from-build 1000 --to-build 2000 --portset ps0 --module-param seed=7", &out);
+   EXPECT_EQ(code, 1) << out;
+   EXPECT_NE(out.find("violation: blocked: 1 port(s) do not pass traffic: ps0#6"), std::string::npos) << out;
+   EXPECT_NE(out.find("Restore Runtime State FAIL for client tarnq-vswitch"), std::string::npos) << out;
+   Connection c;
+   ASSERT_TRUE(c.Connect(socket_));
+   EXPECT_EQ(Scenario(c, "expect blocked ps0#6 yes")["ok"], true);
+   EXPECT_EQ(Scenario(c, "expect blocked ps0#5 no")["ok"], true);
+   EXPECT_EQ(Scenario(c, "expect ledger tarnq-dfw verified same-as=saved")["ok"], true);
+}
+
+TEST_F(ServeTest, AHostParameterNamingNoPortFailsTheLoadWithTheReason) {
+   RestartServer({"--module-param", "tarnq-stats-2000:failPort=@nosuch#1"});
+   std::string out;
+   EXPECT_EQ(Lusctl("upgrade classic --from-build 1000 --to-build 2000 --portset ps0 --module-param seed=7", &out), 1);
+   EXPECT_NE(out.find("FAILED at step 2 'load new build'"), std::string::npos) << out;
+   EXPECT_NE(out.find("the host's --module-param tarnq-stats-2000:failPort=@nosuch#1: no port nosuch#1"),
+             std::string::npos) << out;
+   std::string status;
+   EXPECT_EQ(Lusctl("status", &status), 0);
+   EXPECT_NE(status.find("no upgrade is unfinished"), std::string::npos) << status;
+}
+
 TEST_F(ServeTest, AClientThatGoesAwayMidRequestLosesOnlyItsOwnDevice) {
    {
       Connection c;

@@ -293,7 +293,7 @@ class Cli {
          s->add_option("--portset", f_.portsets, "a portset taking part (repeatable)")->required();
          s->add_option("--module-param", f_.moduleParams,
                        "NAME=VALUE given to every new-build module, e.g. seed=7; MODULE:NAME=VALUE to "
-                       "one module alone, e.g. tarnq-dfw:refusePort=6 or lus:lusLogLevel=5 (repeatable)");
+                       "one module alone, e.g. tarnq-dfw:failSlot=3 or lus:lusLogLevel=5 (repeatable)");
          s->add_option("--allow", allowed_, "accept a violation: " + fmt::format("{}", fmt::join(ViolationKinds(), " | ")) +
                                                " (repeatable)")
             ->check(CLI::IsMember(ViolationKinds()));
@@ -455,7 +455,6 @@ class Cli {
    }
 
    void Output(const Report &report) {
-      const FlowResult &result = report.result;
       if (report_ != nullptr) *report_ = report;
       if (g_.json) {
          out_ << ReportJson(report);

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "hyksim/ledger.h"
 #include "scenario.h"
 
 namespace {
@@ -135,6 +136,121 @@ TEST_F(ScenarioTest, LoadClientWorksForAModuleThatTakesNoSeed) {
    EXPECT_NE(out.str().find(":4: load counter-1000: "), std::string::npos) << out.str();
    EXPECT_NE(out.str().find("unknown parameter seed"), std::string::npos) << out.str();
    std::system(("rm -rf " + dir).c_str());
+}
+
+}  // namespace
+
+namespace {
+
+// spawn runs a command alongside the script; wait prints its output and
+// hands its status and exit to expect; a spawned failure fails the wait.
+TEST_F(ScenarioTest, SpawnedCommandsRunAlongsideAndWaitHandsOverTheirOutcome) {
+   bool ok = false;
+   std::string out = RunText(
+      "portset ps0\n"
+      "ports ps0 2\n"
+      "spawn a echo from-a\n"
+      "spawn b after=0.5 ioctl 99\n"
+      "wait a b\n"
+      "expect status NOT_FOUND\n"   // no lus loaded: no device
+      "spawn a echo again\n"   // the name is free once waited for
+      "wait\n",
+      &ok);
+   EXPECT_TRUE(ok) << out;
+   EXPECT_NE(out.find("from-a"), std::string::npos) << out;
+   EXPECT_NE(out.find("again"), std::string::npos) << out;
+   EXPECT_GE(hyksim::NowUS(), 500000u) << "after=0.5 waited on the host's clock";
+
+   out = RunText("spawn a unload no-such-module\nwait a\necho not-reached\n", &ok);
+   EXPECT_FALSE(ok);
+   EXPECT_NE(out.find(":2: spawn a (unload no-such-module): unload no-such-module"), std::string::npos) << out;
+   EXPECT_EQ(out.find("not-reached"), std::string::npos);
+}
+
+TEST_F(ScenarioTest, SpawnAndTryRefuseWhatCannotRunAlongside) {
+   const struct {
+      const char *text;
+      const char *error;
+   } cases[] = {
+      {"spawn a portset ps9\n", ":1: spawn a: 'portset' cannot run alongside the script"},
+      {"spawn a echo x\nspawn a echo y\n", ":2: spawn a: a command of that name runs already (wait a first)"},
+      {"spawn a after=0.1 echo x\nportset ps9\n", ":2: portset: wait for the spawned commands first"},
+      {"wait nobody\n", ":1: wait: nothing spawned is named 'nobody'"},
+      {"try try echo x\n", ":1: try: 'try' cannot be tried"},
+      {"spawn a try portset ps9\nwait\n", ":2: spawn a (try portset ps9): try: 'portset' cannot run alongside the script"},
+      {"spawn a\n", ":1: missing argument; usage: spawn NAME [after=SECONDS] COMMAND [ARGS...]"},
+   };
+   for (const auto &c : cases) {
+      bool ok = true;
+      std::string out = RunText(c.text, &ok);
+      EXPECT_FALSE(ok) << c.text;
+      EXPECT_NE(out.find(c.error), std::string::npos) << c.text << " printed:\n" << out;
+   }
+   bool ok = false;
+   std::string out = RunText("try unload no-such-module\nexpect status NOT_FOUND\necho on\n", &ok);
+   EXPECT_TRUE(ok) << out;
+   EXPECT_NE(out.find("tried: unload no-such-module"), std::string::npos) << out;
+}
+
+// advance timer=lus before=S stops S before lus's clear timer; a module
+// without a pending timer is an error.
+TEST_F(ScenarioTest, AdvanceToATimerStopsJustBeforeIt) {
+   bool ok = false;
+   std::string out = RunText(
+      "load client tarnq-vswitch build=1000\n"
+      "portset ps0 module=tarnq-vswitch-1000\n"
+      "ports ps0 2 vms=1\n"
+      "load lus fromBuild=1000\n"
+      "load client tarnq-vswitch build=2000\n"
+      "lusctl register --type to --portset ps0\n"
+      "lusctl block --portset ps0\n"
+      "lusctl save --portset ps0\n"
+      "advance timer=lus before=0.25\n"
+      "expect no-log \"Clearing LUS Client data\"\n"
+      "advance 0.25\n"
+      "expect log \"Clearing LUS Client data ...\" count=1\n",
+      &ok);
+   EXPECT_TRUE(ok) << out;
+   out = RunText("advance timer=lus\n", &ok);
+   EXPECT_FALSE(ok);
+   EXPECT_NE(out.find("module lus has no timer pending"), std::string::npos) << out;
+}
+
+// expect intact: passes after a clean upgrade, and after one in which lus
+// dropped a client's state at the save (reported) and the port went on
+// without it; fails, naming port and client, for saved bytes that are
+// neither restored intact nor reported dropped.
+TEST_F(ScenarioTest, ExpectIntactFindsBytesNeitherRestoredNorReportedDropped) {
+   const std::string upgrade =
+      "load client tarnq-vswitch build=1000\n"
+      "portset ps0 module=tarnq-vswitch-1000\n"
+      "ports ps0 4 vms=2 external-id=x\n"
+      "load client tarnq-stats build=1000 {}\n"
+      "load client tarnq-stats build=2000\n"
+      "lusctl upgrade classic --from-build 1000 --to-build 2000 --portset ps0 --module-param seed=7\n"
+      "unload lus\n"
+      "expect intact\n";
+   bool ok = false;
+   std::string out = RunText(fmt::format(fmt::runtime(upgrade), ""), &ok);
+   EXPECT_TRUE(ok) << out;
+   hyksim::HostStop();
+   hyksim::HostStart();
+   out = RunText(fmt::format(fmt::runtime(upgrade), "overrun=1"), &ok);
+   EXPECT_TRUE(ok) << out;
+   EXPECT_NE(out.find("dropped by lus"), std::string::npos) << out;
+   // Bytes the old client says it saved on port 2 that went nowhere, on a
+   // port lus has unblocked: both findings, with the figures.
+   hyksim_LedgerPort("tarnq-stats", 1000, HYKSIM_LEDGER_SAVED, 2, 77);
+   out = RunText("expect intact\n", &ok);
+   EXPECT_FALSE(ok);
+   const auto before = hyksim::LedgerOf("tarnq-stats").ports[2][HYKSIM_LEDGER_SAVED] - 77;
+   const auto verified = hyksim::LedgerOf("tarnq-stats").ports[2][HYKSIM_LEDGER_VERIFIED];
+   EXPECT_EQ(before, verified);
+   EXPECT_NE(out.find(fmt::format("state not intact (2 finding(s)): port 2 client tarnq-stats: {} bytes saved, {} restored "
+                                  "intact, 0 reported dropped; lus unblocked port 2 without its state of client "
+                                  "tarnq-stats ({} of {} bytes restored intact)",
+                                  before + 77, verified, verified, before + 77)),
+             std::string::npos) << out;
 }
 
 }  // namespace

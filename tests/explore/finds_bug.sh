@@ -23,8 +23,8 @@ if [ -z "$replay" ]; then
   exit 1
 fi
 for i in 1 2; do
-  # shellcheck disable=SC2086 # the replay options are words
-  if "$hyksim" run "$scenario" --module-dir "$modules" $replay >"$out.$i" 2>&1; then
+  # shellcheck disable=SC2086 # the replay options (seed, module directory) are words
+  if "$hyksim" run "$scenario" $replay >"$out.$i" 2>&1; then
     cat "$out.$i"
     echo "finds_bug: the replay ($replay) passed" >&2
     exit 1

@@ -186,7 +186,7 @@ Result Collect(const Child &c, int status) {
       r.passed = false;
       r.why = fmt::format("the child ended (status {}) without a result", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
    } else if (!r.passed) {
-      r.why = "an expectation failed";
+      r.why = "the scenario failed";
    }
    return r;
 }
@@ -233,8 +233,12 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
    uint64_t next = 0, done = 0, stepsSum = 0, stepsMax = 0, stepsMin = UINT64_MAX, learntSteps = opts.pctSteps;
    bool stop = false;
    uint64_t lastProgress = 0;
+   // PCT draws its change points over a run's length.  Unless given, that
+   // length is schedule 0's (which runs alone, over 10,000): then the same
+   // seeds give the same schedules whatever order the children end in.
+   const bool calibrate = controlled && opts.pctDepth != 0 && opts.pctSteps == 0;
    while ((!stop && next < total) || !running.empty()) {
-      while (!stop && next < total && running.size() < opts.jobs) {
+      while (!stop && next < total && running.size() < (calibrate && done == 0 ? 1u : opts.jobs)) {
          Child c;
          c.index = next;
          c.seed = controlled ? ScheduleSeed(opts.firstSeed, next) : next;
@@ -273,11 +277,11 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
       stepsMax = std::max(stepsMax, r.steps);
       stepsMin = std::min(stepsMin, r.steps);
       traces.insert(r.trace);
-      // PCT draws its change points over a run's length: learnt from the longest yet.
-      if (opts.pctSteps == 0) learntSteps = std::max(learntSteps, r.steps);
+      if (calibrate && r.index == 0) learntSteps = std::max<uint64_t>(r.steps, 1);
       if (opts.verbose) {
-         out << fmt::format("  schedule {:>6}  seed {:#018x}  {}  {} steps, {} switches, {} threads, trace {:016x}, log {:016x}\n",
-                            r.index, r.seed, r.passed ? "passed" : "FAILED", r.steps, r.switches, r.threads, r.trace, r.log);
+         out << fmt::format("  schedule {:>6}  seed {:#018x}  {}  {} steps, {} switches, {} threads, trace {:016x}, log {:016x}{}\n",
+                            r.index, r.seed, r.passed ? "passed" : "FAILED", r.steps, r.switches, r.threads, r.trace, r.log,
+                            opts.pctDepth == 0 ? std::string() : fmt::format(", pct steps {}", r.pctSteps));
       }
       if (!r.passed) {
          failures.push_back(r);
@@ -286,9 +290,10 @@ int Explore(const std::string &file, const ExploreOptions &opts, const RunScenar
          const std::string line = FailureLine(r.text);
          if (!line.empty()) out << "  " << line << "\n";
          if (controlled) {
-            out << fmt::format("  seed {:#x}; replay: hyksim run {} --schedule {:#x}{}\n", r.seed, file, r.seed,
+            out << fmt::format("  seed {:#x}; replay: hyksim run {} --schedule {:#x}{}{}\n", r.seed, file, r.seed,
                                opts.pctDepth == 0 ? std::string()
-                                                  : fmt::format(" --pct-depth {} --pct-steps {}", opts.pctDepth, r.pctSteps));
+                                                  : fmt::format(" --pct-depth {} --pct-steps {}", opts.pctDepth, r.pctSteps),
+                               opts.runOptions);
          }
          out << "  its output:\n";
          std::istringstream text(r.text);

@@ -23,6 +23,9 @@ struct ExploreOptions {
    unsigned timeLimitSec = 60;    // a child that runs longer is taken as hung
    bool keepGoing = false;        // go on after a failing schedule
    bool verbose = false;          // a line per schedule
+   // The program's options that shape a run (--seed, --module-dir, ...),
+   // as words to repeat in the replay command a failing schedule prints.
+   std::string runOptions;
 };
 
 // What the host program runs for one schedule (or one real-thread run) in

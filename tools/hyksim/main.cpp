@@ -161,6 +161,30 @@ struct ExploreArgs {
    std::optional<uint64_t> replay;   // --schedule SEED
 };
 
+// The options that shape a run, for the replay command of a failing schedule.
+std::string RunOptions(const Common &c) {
+   std::string out = fmt::format(" --seed {}", c.seed);
+   if (!c.moduleDir.empty()) out += " --module-dir " + c.moduleDir;
+   for (const auto &p : c.modulePath) out += " --module-path " + p;
+   return out;
+}
+
+// What cannot be combined, or means nothing without an exploration: bad usage.
+std::string ExploreUsageError(const Common &c, const ExploreArgs &e, const std::vector<std::string> &given) {
+   const auto &o = e.opts;
+   const bool explore = o.schedules != 0 || o.stressRuns != 0;
+   if (e.replay && explore) return "--schedule replays one schedule; it does not go with --schedules or --stress";
+   if (o.schedules != 0 && o.stressRuns != 0) return "--schedules and --stress are two ways to run; give one";
+   if (explore && !c.logFile.empty()) {
+      return "--log-file keeps one host's log; replay a schedule with --schedule SEED --log-file FILE";
+   }
+   for (const auto &opt : given) {
+      if (!explore && !e.replay) return opt + " needs --schedules (or --stress)";
+      if (e.replay && opt != "--pct-depth" && opt != "--pct-steps") return opt + " does not go with --schedule";
+   }
+   return "";
+}
+
 int RunExplorations(const Common &c, const std::vector<std::string> &files, const ExploreArgs &e) {
    const auto runner = ScenarioRunner(c);
    if (e.replay) {
@@ -271,7 +295,7 @@ int main(int argc, char **argv) {
    AddWhole<uint32_t>(run, "--pct-depth", &eo.pctDepth, 0, 64,
                       "0: a random walk; D: PCT, finding bugs of depth D (D - 1 priority changes)")->group("Schedules");
    AddWhole<uint64_t>(run, "--pct-steps", &eo.pctSteps, 0, UINT64_MAX / 2,
-                      "PCT: steps over which the changes fall (0: the longest schedule run so far)")->group("Schedules");
+                      "PCT: steps over which the changes fall (0: schedule 0's, which runs alone over 10,000)")->group("Schedules");
    run->add_option_function<std::string>(
          "--schedule",
          [&ex](const std::string &v) {
@@ -324,6 +348,16 @@ int main(int argc, char **argv) {
 
    if (*modules) return ListModules(c);
    if (*run) {
+      std::vector<std::string> given;
+      for (const char *opt : {"--schedule-seed", "--pct-depth", "--pct-steps", "--jobs", "--time-limit", "--keep-going", "--verbose"}) {
+         if (run->count(opt) != 0) given.push_back(opt);
+      }
+      const std::string misuse = ExploreUsageError(c, ex, given);
+      if (!misuse.empty()) {
+         std::cerr << "hyksim run: " << misuse << "\n";
+         return 2;
+      }
+      ex.opts.runOptions = RunOptions(c);
       if (ex.replay || eo.schedules != 0 || eo.stressRuns != 0) return RunExplorations(c, files, ex);
       return Run(c, files);
    }

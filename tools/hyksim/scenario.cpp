@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 #include <cstdio>
 #include <functional>
@@ -434,7 +435,11 @@ struct Interpreter::Impl {
       if (due == UINT64_MAX) throw Fail{fmt::format("advance: module {} has no timer pending", a.Get("timer"))};
       const uint64_t before = a.Has("before") ? Micros("before", a.Get("before"), kClockCeilingUS) : 0;
       const uint64_t now = hyksim::NowUS();
-      if (due > now + before) hyksim::AdvanceClock(due - before - now);
+      if (due < now + before) {
+         throw Fail{fmt::format("advance: {}'s timer is due in {}.{:06} s, less than before={}", a.Get("timer"),
+                                (due - std::min(due, now)) / 1000000, (due - std::min(due, now)) % 1000000, a.Get("before"))};
+      }
+      hyksim::AdvanceClock(due - before - now);
    }
 
    void DoAdvance(const Args &a) {
@@ -680,6 +685,9 @@ struct Interpreter::Impl {
       for (const auto &sp : spawned) {
          if (sp->name == name) throw Fail{fmt::format("spawn {}: a command of that name runs already (wait {} first)", name, name)};
       }
+      if (std::find(kCommands.begin(), kCommands.end(), words[first]) == kCommands.end()) {
+         throw Fail{fmt::format("spawn {}: unknown command '{}' (try help)", name, words[first])};
+      }
       if (!Spawnable(words[first])) {
          throw Fail{fmt::format("spawn {}: '{}' cannot run alongside the script; these can: lusctl, ioctl, "
                                 "unblock-event, enable, takeover, advance, load, unload, set, echo, try", name, words[first])};
@@ -741,8 +749,12 @@ struct Interpreter::Impl {
    void DoTry(const std::vector<std::string> &words) {
       if (words.size() < 2) throw Fail{"missing argument; usage: try COMMAND [ARGS...]"};
       const std::string &inner = words[1];
-      if (inner == "try" || inner == "spawn" || inner == "wait") {
+      // An expectation or a misspelt command under try would pass unseen.
+      if (inner == "try" || inner == "spawn" || inner == "wait" || inner == "expect") {
          throw Fail{fmt::format("try: '{}' cannot be tried", inner)};
+      }
+      if (std::find(kCommands.begin(), kCommands.end(), inner) == kCommands.end()) {
+         throw Fail{fmt::format("try: unknown command '{}' (try help)", inner)};
       }
       // On a spawned thread only what may run alongside the script.
       if (tLast != nullptr && !Spawnable(inner)) {

@@ -101,6 +101,15 @@ TEST(HyksimCommandLine, NumbersAreCheckedAndBadUsageExits2) {
       {"serve --socket /tmp/x.sock --max-line-bytes -1", "bad value '-1' for --max-line-bytes"},
       {"serve --socket /tmp/x.sock --module-param failSlot=3", "failSlot=3: expected MODULE:NAME=VALUE"},
       {"serve --socket /tmp/x.sock --module-param tarnq-dfw-2000:failSlot", "expected MODULE:NAME=VALUE"},
+      // The explorer's options: conflicting, or idle without an exploration.
+      {"run --schedules 0 " + scenario, "bad value '0' for --schedules"},
+      {"run --pct-depth 65 --schedules 2 " + scenario, "bad value '65' for --pct-depth: a whole number from 0 to 64"},
+      {"run --schedule 5 --schedules 3 " + scenario, "--schedule replays one schedule; it does not go with --schedules or --stress"},
+      {"run --stress 2 --schedules 2 " + scenario, "--schedules and --stress are two ways to run; give one"},
+      {"run --pct-steps 5 " + scenario, "--pct-steps needs --schedules (or --stress)"},
+      {"run --schedules 2 --log-file /tmp/x.log " + scenario, "--log-file keeps one host's log"},
+      {"run --schedule 5 --keep-going " + scenario, "--keep-going does not go with --schedule"},
+      {"run --schedule 5 " + scenario + " " + scenario, "--schedule replays one file's schedule; give one FILE"},
    };
    for (const auto &c : cases) {
       const Result r = Hyksim(c.args);

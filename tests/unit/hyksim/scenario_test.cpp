@@ -205,12 +205,15 @@ TEST_F(ScenarioTest, AdvanceToATimerStopsJustBeforeIt) {
       "lusctl register --type to --portset ps0\n"
       "lusctl block --portset ps0\n"
       "lusctl save --portset ps0\n"
+      "try advance timer=lus before=200\n"   // past the timer: an error, the clock stays
       "advance timer=lus before=0.25\n"
       "expect no-log \"Clearing LUS Client data\"\n"
       "advance 0.25\n"
       "expect log \"Clearing LUS Client data ...\" count=1\n",
       &ok);
    EXPECT_TRUE(ok) << out;
+   EXPECT_NE(out.find("tried: advance: lus's timer is due in 120."), std::string::npos) << out;
+   EXPECT_NE(out.find("less than before=200"), std::string::npos) << out;
    out = RunText("advance timer=lus\n", &ok);
    EXPECT_FALSE(ok);
    EXPECT_NE(out.find("module lus has no timer pending"), std::string::npos) << out;

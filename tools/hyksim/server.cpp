@@ -186,11 +186,11 @@ class ConfiguredHost : public lusctl::ForwardingHost {
 
 }  // namespace
 
-std::string CheckModuleParam(const std::string &spec) {
-   const auto colon = spec.find(':');
-   const auto eq = spec.find('=', colon == std::string::npos ? 0 : colon);
+std::string CheckModuleParam(const std::string &given) {
+   const auto colon = given.find(':');
+   const auto eq = given.find('=', colon == std::string::npos ? 0 : colon);
    if (colon == std::string::npos || colon == 0 || eq == std::string::npos || eq == colon + 1) {
-      return fmt::format("{}: expected MODULE:NAME=VALUE (MODULE as loaded: NAME-BUILD)", spec);
+      return fmt::format("{}: expected MODULE:NAME=VALUE (MODULE as loaded: NAME-BUILD)", given);
    }
    return "";
 }
@@ -201,16 +201,16 @@ bool ConfiguredParams(const std::vector<std::string> &moduleParams, const std::s
    std::map<std::string, uint32_t> ids;
    for (const auto &[id, name] : names) ids[name] = id;
    static const std::regex ref(R"(@([^@#\s]+#[0-9]+))");
-   for (const auto &spec : moduleParams) {
-      const auto colon = spec.find(':');
-      if (colon == std::string::npos || spec.compare(0, colon, module) != 0 || colon != module.size()) continue;
-      const std::string param = spec.substr(colon + 1);
+   for (const auto &given : moduleParams) {
+      const auto colon = given.find(':');
+      if (colon == std::string::npos || given.compare(0, colon, module) != 0 || colon != module.size()) continue;
+      const std::string param = given.substr(colon + 1);
       std::string value;
       auto from = param.cbegin();
       for (std::sregex_iterator it(param.begin(), param.end(), ref), end; it != end; ++it) {
          const auto found = ids.find((*it)[1].str());
          if (found == ids.end()) {
-            *error = fmt::format("the host's --module-param {}: no port {}", spec, (*it)[1].str());
+            *error = fmt::format("the host's --module-param {}: no port {}", given, (*it)[1].str());
             return false;
          }
          value.append(from, (*it)[0].first);

@@ -46,7 +46,7 @@ bool ConfiguredParams(const std::vector<std::string> &moduleParams, const std::s
                       std::string *error);
 
 // MODULE:NAME=VALUE, each part non-empty; "" or why not.
-std::string CheckModuleParam(const std::string &spec);
+std::string CheckModuleParam(const std::string &given);
 
 // Serves until a `shutdown` request, SIGINT or SIGTERM; every connection is
 // then ended and the socket removed.  The host must have been started.
